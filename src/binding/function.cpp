@@ -1,0 +1,435 @@
+// The function objects of the bound operations: vectorcall with exact
+// parameter handling, and the introspection a Python function offers
+// (__signature__, __annotations__, __defaults__, __name__, __doc__, ...).
+#include <structmember.h>
+
+#include <cctype>
+#include <cstring>
+#include <new>
+
+#include "common.hpp"
+
+namespace git_utils::binding {
+namespace {
+
+constexpr int kMaxParams = 8;
+
+struct FunctionObject {
+    PyObject_HEAD
+    vectorcallfunc vectorcall;
+    const FunctionDef* def;
+    PyObject* module;
+    PyObject* dict;
+    PyObject* name;
+    PyObject* qualname;
+    PyObject* doc;
+    PyObject* defaults;    // tuple: one entry per parameter, None where required (see def)
+    PyObject* param_names; // tuple of interned parameter names
+    PyObject* signature;   // built on first use
+    PyObject* weakreflist;
+};
+
+// --- parameter parsing ------------------------------------------------------
+
+std::size_t positional_count(const FunctionDef& def) {
+    std::size_t n = 0;
+    for (const auto& p : def.params) n += !p.keyword_only;
+    return n;
+}
+
+void too_many_positional(FunctionObject* f, Py_ssize_t given) {
+    const FunctionDef& def = *f->def;
+    std::size_t npos = positional_count(def), required = 0;
+    for (const auto& p : def.params)
+        if (!p.keyword_only && p.dflt == Default::Required) ++required;
+    std::string takes;
+    if (required == npos)
+        takes = std::to_string(npos) + " positional argument" + (npos == 1 ? "" : "s");
+    else
+        takes = "from " + std::to_string(required) + " to " + std::to_string(npos) + " positional arguments";
+    PyErr_Format(PyExc_TypeError, "%U() takes %s but %zd %s given", f->qualname, takes.c_str(), given,
+                 given == 1 ? "was" : "were");
+}
+
+void missing(FunctionObject* f, const std::vector<const char*>& names, bool keyword_only) {
+    std::string list;
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        if (i) list += names.size() == 2 ? " and " : (i + 1 == names.size() ? ", and " : ", ");
+        list += "'" + std::string(names[i]) + "'";
+    }
+    PyErr_Format(PyExc_TypeError, "%U() missing %zu required %s argument%s: %s", f->qualname, names.size(),
+                 keyword_only ? "keyword-only" : "positional", names.size() == 1 ? "" : "s", list.c_str());
+}
+
+PyObject* function_vectorcall(PyObject* self, PyObject* const* args, size_t nargsf, PyObject* kwnames) {
+    auto* f = reinterpret_cast<FunctionObject*>(self);
+    const FunctionDef& def = *f->def;
+    const std::size_t nparams = def.params.size();
+    const Py_ssize_t nargs = PyVectorcall_NARGS(nargsf);
+    PyObject* values[kMaxParams] = {};
+
+    if (static_cast<std::size_t>(nargs) > positional_count(def)) {
+        too_many_positional(f, nargs);
+        return nullptr;
+    }
+    for (Py_ssize_t i = 0; i < nargs; ++i) values[i] = args[i];
+    if (kwnames) {
+        Py_ssize_t nkw = PyTuple_GET_SIZE(kwnames);
+        for (Py_ssize_t k = 0; k < nkw; ++k) {
+            PyObject* key = PyTuple_GET_ITEM(kwnames, k);
+            std::size_t idx = nparams;
+            // Keyword names are nearly always interned: try identity first.
+            for (std::size_t i = 0; i < nparams; ++i) {
+                if (PyTuple_GET_ITEM(f->param_names, static_cast<Py_ssize_t>(i)) == key) {
+                    idx = i;
+                    break;
+                }
+            }
+            for (std::size_t i = 0; idx == nparams && i < nparams; ++i) {
+                if (PyUnicode_Compare(PyTuple_GET_ITEM(f->param_names, static_cast<Py_ssize_t>(i)), key) == 0) {
+                    idx = i;
+                    break;
+                }
+            }
+            if (idx == nparams) {
+                PyErr_Format(PyExc_TypeError, "%U() got an unexpected keyword argument '%S'", f->qualname, key);
+                return nullptr;
+            }
+            if (values[idx]) {
+                PyErr_Format(PyExc_TypeError, "%U() got multiple values for argument '%S'", f->qualname, key);
+                return nullptr;
+            }
+            values[idx] = args[nargs + k];
+        }
+    }
+    std::vector<const char*> absent_pos, absent_kw;
+    for (std::size_t i = 0; i < nparams; ++i) {
+        if (values[i]) continue;
+        if (def.params[i].dflt != Default::Required) {
+            values[i] = PyTuple_GET_ITEM(f->defaults, static_cast<Py_ssize_t>(i));
+        } else {
+            (def.params[i].keyword_only ? absent_kw : absent_pos).push_back(def.params[i].name);
+        }
+    }
+    if (!absent_pos.empty()) {
+        missing(f, absent_pos, false);
+        return nullptr;
+    }
+    if (!absent_kw.empty()) {
+        missing(f, absent_kw, true);
+        return nullptr;
+    }
+
+    Call call{f->module, state_of(f->module), PyModule_GetDict(f->module)};
+    try {
+        return def.impl(call, values).release();
+    } catch (...) {
+        set_python_error(call);
+        return nullptr;
+    }
+}
+
+// --- introspection ----------------------------------------------------------
+
+PyObject* default_object(State* st, Default d) {
+    switch (d) {
+        case Default::None_:
+        case Default::Required:
+            return Py_NewRef(Py_None);
+        case Default::True_:
+            return Py_NewRef(Py_True);
+        case Default::Int30:
+            return PyLong_FromLong(30);
+        case Default::Str30d:
+            return PyUnicode_InternFromString("30d");
+        case Default::EmptyTuple:
+            return Py_NewRef(st->empty_tuple);
+        case Default::StrMR:
+            return PyUnicode_InternFromString("MR");
+    }
+    return nullptr;
+}
+
+// Evaluates a type expression such as "list[dict[str, Any]]" or "Path | None"
+// against builtins and the module namespace, as annotations are evaluated when
+// a Python module defines its functions.
+class TypeExpr {
+public:
+    TypeExpr(PyObject* ns, const char* text) : ns_(ns), p_(text) {}
+    Ref parse() {
+        Ref left = primary();
+        while (skip(), *p_ == '|') {
+            ++p_;
+            Ref right = primary();
+            left = check(PyNumber_Or(left.get(), right.get()));
+        }
+        return left;
+    }
+
+private:
+    void skip() {
+        while (*p_ == ' ') ++p_;
+    }
+    Ref primary() {
+        skip();
+        if (std::strncmp(p_, "...", 3) == 0) {
+            p_ += 3;
+            return Ref::borrow(Py_Ellipsis);
+        }
+        const char* start = p_;
+        while (*p_ && (std::isalnum(static_cast<unsigned char>(*p_)) || *p_ == '_')) ++p_;
+        std::string name(start, p_);
+        Ref obj = resolve(name);
+        skip();
+        if (*p_ == '[') {
+            ++p_;
+            std::vector<Ref> items;
+            for (;;) {
+                items.push_back(parse());
+                skip();
+                if (*p_ == ',') {
+                    ++p_;
+                    continue;
+                }
+                if (*p_ == ']') {
+                    ++p_;
+                    break;
+                }
+                PyErr_Format(PyExc_SystemError, "bad type expression near '%s'", p_);
+                throw PyErrSet{};
+            }
+            Ref key;
+            if (items.size() == 1) {
+                key = items[0];
+            } else {
+                key = check(PyTuple_New(static_cast<Py_ssize_t>(items.size())));
+                for (std::size_t i = 0; i < items.size(); ++i)
+                    PyTuple_SET_ITEM(key.get(), static_cast<Py_ssize_t>(i), Ref(items[i]).release());
+            }
+            obj = check(PyObject_GetItem(obj.get(), key.get()));
+        }
+        return obj;
+    }
+    Ref resolve(const std::string& name) {
+        if (name == "None") return Ref::borrow(Py_None);
+        PyObject* o = PyDict_GetItemString(ns_, name.c_str());
+        if (o) return Ref::borrow(o);
+        PyObject* builtins = PyEval_GetBuiltins();
+        o = builtins ? PyDict_GetItemString(builtins, name.c_str()) : nullptr;
+        if (!o) {
+            PyErr_Format(PyExc_NameError, "name '%s' is not defined", name.c_str());
+            throw PyErrSet{};
+        }
+        return Ref::borrow(o);
+    }
+
+    PyObject* ns_;
+    const char* p_;
+};
+
+PyObject* get_signature(PyObject* self, void*) {
+    auto* f = reinterpret_cast<FunctionObject*>(self);
+    if (f->signature) return Py_NewRef(f->signature);
+    try {
+        Ref inspect = check(PyImport_ImportModule("inspect"));
+        Ref parameter = check(PyObject_GetAttrString(inspect.get(), "Parameter"));
+        Ref signature = check(PyObject_GetAttrString(inspect.get(), "Signature"));
+        Ref empty = check(PyObject_GetAttrString(parameter.get(), "empty"));
+        Ref pos_or_kw = check(PyObject_GetAttrString(parameter.get(), "POSITIONAL_OR_KEYWORD"));
+        Ref kw_only = check(PyObject_GetAttrString(parameter.get(), "KEYWORD_ONLY"));
+        Ref annotations = check(PyObject_GetAttrString(self, "__annotations__"));
+        const FunctionDef& def = *f->def;
+        Ref params = check(PyList_New(0));
+        for (std::size_t i = 0; i < def.params.size(); ++i) {
+            const ParamDef& p = def.params[i];
+            Ref name = check(PyUnicode_FromString(p.name));
+            PyObject* ann = PyDict_Check(annotations.get()) ? PyDict_GetItem(annotations.get(), name.get()) : nullptr;
+            PyObject* dflt = p.dflt == Default::Required ? empty.get()
+                                                         : PyTuple_GET_ITEM(f->defaults, static_cast<Py_ssize_t>(i));
+            Ref kwargs = check(Py_BuildValue("{s:O,s:O}", "default", dflt, "annotation", ann ? ann : empty.get()));
+            Ref pargs = check(PyTuple_Pack(2, name.get(), p.keyword_only ? kw_only.get() : pos_or_kw.get()));
+            Ref param = check(PyObject_Call(parameter.get(), pargs.get(), kwargs.get()));
+            check(PyList_Append(params.get(), param.get()));
+        }
+        PyObject* ret = PyDict_Check(annotations.get()) ? PyDict_GetItemString(annotations.get(), "return") : nullptr;
+        Ref sargs = check(PyTuple_Pack(1, params.get()));
+        Ref skw = check(Py_BuildValue("{s:O}", "return_annotation", ret ? ret : empty.get()));
+        f->signature = check(PyObject_Call(signature.get(), sargs.get(), skw.get())).release();
+        return Py_NewRef(f->signature);
+    } catch (PyErrSet&) {
+        return nullptr;
+    }
+}
+
+int set_signature(PyObject* self, PyObject* value, void*) {
+    auto* f = reinterpret_cast<FunctionObject*>(self);
+    Py_XSETREF(f->signature, Py_XNewRef(value));
+    return 0;
+}
+
+PyObject* function_repr(PyObject* self) {
+    auto* f = reinterpret_cast<FunctionObject*>(self);
+    return PyUnicode_FromFormat("<function %U at %p>", f->qualname, self);
+}
+
+// Functions pickle by reference, as Python functions do.
+PyObject* function_reduce(PyObject* self, PyObject*) {
+    return Py_NewRef(reinterpret_cast<FunctionObject*>(self)->qualname);
+}
+
+int function_traverse(PyObject* self, visitproc visit, void* arg) {
+    auto* f = reinterpret_cast<FunctionObject*>(self);
+    Py_VISIT(Py_TYPE(self));
+    Py_VISIT(f->module);
+    Py_VISIT(f->dict);
+    Py_VISIT(f->name);
+    Py_VISIT(f->qualname);
+    Py_VISIT(f->doc);
+    Py_VISIT(f->defaults);
+    Py_VISIT(f->param_names);
+    Py_VISIT(f->signature);
+    return 0;
+}
+
+int function_clear(PyObject* self) {
+    auto* f = reinterpret_cast<FunctionObject*>(self);
+    Py_CLEAR(f->module);
+    Py_CLEAR(f->dict);
+    Py_CLEAR(f->name);
+    Py_CLEAR(f->qualname);
+    Py_CLEAR(f->doc);
+    Py_CLEAR(f->defaults);
+    Py_CLEAR(f->param_names);
+    Py_CLEAR(f->signature);
+    return 0;
+}
+
+void function_dealloc(PyObject* self) {
+    PyTypeObject* tp = Py_TYPE(self);
+    PyObject_GC_UnTrack(self);
+    auto* f = reinterpret_cast<FunctionObject*>(self);
+    if (f->weakreflist) PyObject_ClearWeakRefs(self);
+    function_clear(self);
+    tp->tp_free(self);
+    Py_DECREF(tp);
+}
+
+PyMemberDef function_members[] = {
+    {"__name__", T_OBJECT, offsetof(FunctionObject, name), 0, nullptr},
+    {"__qualname__", T_OBJECT, offsetof(FunctionObject, qualname), 0, nullptr},
+    {"__doc__", T_OBJECT, offsetof(FunctionObject, doc), 0, nullptr},
+    {"__dictoffset__", T_PYSSIZET, offsetof(FunctionObject, dict), READONLY, nullptr},
+    {"__weaklistoffset__", T_PYSSIZET, offsetof(FunctionObject, weakreflist), READONLY, nullptr},
+    {"__vectorcalloffset__", T_PYSSIZET, offsetof(FunctionObject, vectorcall), READONLY, nullptr},
+    {nullptr, 0, 0, 0, nullptr},
+};
+
+PyGetSetDef function_getset[] = {
+    {"__signature__", get_signature, set_signature, nullptr, nullptr},
+    {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
+    {nullptr, nullptr, nullptr, nullptr, nullptr},
+};
+
+PyMethodDef function_methods[] = {
+    {"__reduce__", function_reduce, METH_NOARGS, nullptr},
+    {nullptr, nullptr, 0, nullptr},
+};
+
+PyType_Slot function_slots[] = {
+    {Py_tp_dealloc, reinterpret_cast<void*>(function_dealloc)},
+    {Py_tp_traverse, reinterpret_cast<void*>(function_traverse)},
+    {Py_tp_clear, reinterpret_cast<void*>(function_clear)},
+    {Py_tp_call, reinterpret_cast<void*>(PyVectorcall_Call)},
+    {Py_tp_repr, reinterpret_cast<void*>(function_repr)},
+    {Py_tp_members, function_members},
+    {Py_tp_getset, function_getset},
+    {Py_tp_methods, function_methods},
+    {0, nullptr},
+};
+
+PyType_Spec function_spec = {
+    "vantrel_sorlith.utils.git_utils.function",
+    sizeof(FunctionObject),
+    0,
+    Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_HAVE_VECTORCALL | Py_TPFLAGS_IMMUTABLETYPE |
+        Py_TPFLAGS_DISALLOW_INSTANTIATION,
+    function_slots,
+};
+
+}  // namespace
+
+Ref eval_type(PyObject* ns, const char* expr) { return TypeExpr(ns, expr).parse(); }
+
+PyTypeObject* make_function_type(PyObject* module) {
+    return reinterpret_cast<PyTypeObject*>(PyType_FromModuleAndSpec(module, &function_spec, nullptr));
+}
+
+Ref make_function(PyObject* module, const FunctionDef& def) {
+    State* st = state_of(module);
+    PyObject* ns = PyModule_GetDict(module);
+    auto* f = PyObject_GC_New(FunctionObject, st->function_type);
+    if (!f) throw PyErrSet{};
+    f->vectorcall = function_vectorcall;
+    f->def = &def;
+    f->module = Py_NewRef(module);
+    f->dict = nullptr;
+    f->name = Py_NewRef(st->names[def.name]);
+    f->qualname = Py_NewRef(st->names[def.name]);
+    f->doc = nullptr;
+    f->defaults = nullptr;
+    f->param_names = nullptr;
+    f->signature = nullptr;
+    f->weakreflist = nullptr;
+    PyObject_GC_Track(f);
+    Ref fn(reinterpret_cast<PyObject*>(f));
+
+    f->doc = check(PyUnicode_FromString(def.doc)).release();
+    f->param_names = check(PyTuple_New(static_cast<Py_ssize_t>(def.params.size()))).release();
+    for (std::size_t i = 0; i < def.params.size(); ++i)
+        PyTuple_SET_ITEM(f->param_names, static_cast<Py_ssize_t>(i),
+                         check(PyUnicode_InternFromString(def.params[i].name)).release());
+    f->defaults = check(PyTuple_New(static_cast<Py_ssize_t>(def.params.size()))).release();
+    for (std::size_t i = 0; i < def.params.size(); ++i)
+        PyTuple_SET_ITEM(f->defaults, static_cast<Py_ssize_t>(i), check(default_object(st, def.params[i].dflt)).release());
+
+    // Annotations are evaluated now, against what the namespace holds.
+    Ref annotations = check(PyDict_New());
+    for (const auto& p : def.params) {
+        if (!p.annotation) continue;
+        Ref ann = TypeExpr(ns, p.annotation).parse();
+        check(PyDict_SetItemString(annotations.get(), p.name, ann.get()));
+    }
+    if (def.returns) check(PyDict_SetItemString(annotations.get(), "return", TypeExpr(ns, def.returns).parse().get()));
+
+    // __defaults__ / __kwdefaults__ as a Python function would carry them.
+    std::vector<PyObject*> pos_defaults;
+    Ref kwdefaults = Ref::borrow(Py_None);
+    for (std::size_t i = 0; i < def.params.size(); ++i) {
+        const ParamDef& p = def.params[i];
+        if (p.dflt == Default::Required) continue;
+        PyObject* v = PyTuple_GET_ITEM(f->defaults, static_cast<Py_ssize_t>(i));
+        if (p.keyword_only) {
+            if (kwdefaults.get() == Py_None) kwdefaults = check(PyDict_New());
+            check(PyDict_SetItemString(kwdefaults.get(), p.name, v));
+        } else {
+            pos_defaults.push_back(v);
+        }
+    }
+    Ref defaults_tuple = Ref::borrow(Py_None);
+    if (!pos_defaults.empty()) {
+        defaults_tuple = check(PyTuple_New(static_cast<Py_ssize_t>(pos_defaults.size())));
+        for (std::size_t i = 0; i < pos_defaults.size(); ++i)
+            PyTuple_SET_ITEM(defaults_tuple.get(), static_cast<Py_ssize_t>(i), Py_NewRef(pos_defaults[i]));
+    }
+
+    Ref dict = check(PyDict_New());
+    Ref modname = check(PyModule_GetNameObject(module));
+    check(PyDict_SetItemString(dict.get(), "__module__", modname.get()));
+    check(PyDict_SetItemString(dict.get(), "__annotations__", annotations.get()));
+    check(PyDict_SetItemString(dict.get(), "__defaults__", defaults_tuple.get()));
+    check(PyDict_SetItemString(dict.get(), "__kwdefaults__", kwdefaults.get()));
+    f->dict = dict.release();
+    return fn;
+}
+
+}  // namespace git_utils::binding

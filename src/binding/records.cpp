@@ -1,0 +1,69 @@
+// The three record classes: real frozen dataclasses made at load, and a fast
+// way to build their instances without running a Python-level __init__.
+#include "common.hpp"
+
+namespace git_utils::binding {
+namespace {
+
+struct FieldDef {
+    const char* name;
+    const char* annotation;
+};
+
+struct RecordDef {
+    const char* name;
+    const char* doc;
+    std::vector<FieldDef> fields;
+};
+
+const RecordDef kRecords[3] = {
+    {"FileChange",
+     "One file of a diff: its path on the newer side, what happened to it, its line counts.",
+     {{"path", "str"}, {"status", "str"}, {"additions", "int"}, {"deletions", "int"}, {"old_path", "str | None"}}},
+    {"CommitChanges",
+     "The files one commit changed, and when it was committed (seconds since the epoch).",
+     {{"timestamp", "int"}, {"files", "tuple[FileChange, ...]"}}},
+    {"LineSpan",
+     "Lines start to end (counted from 1, both inclusive) of a file's newer side that a diff touched.\n"
+     "\n"
+     "added is true when the span holds new lines only, none of them replacing an old line; false when\n"
+     "lines were replaced, and for a deletion, whose span is the line above the removed lines (or line 1).",
+     {{"start", "int"}, {"end", "int"}, {"added", "bool"}}},
+};
+
+}  // namespace
+
+Ref make_record_class(const Call& call, int which) {
+    const RecordDef& def = kRecords[which];
+    Ref annotations = check(PyDict_New());
+    for (std::size_t i = 0; i < def.fields.size(); ++i) {
+        const FieldDef& f = def.fields[i];
+        call.st->field_names[which][i] = check(PyUnicode_InternFromString(f.name)).release();
+        check(PyDict_SetItemString(annotations.get(), f.name, eval_type(call.ns, f.annotation).get()));
+    }
+    Ref body = check(PyDict_New());
+    Ref modname = check(PyModule_GetNameObject(call.module));
+    Ref doc = check(PyUnicode_FromString(def.doc));
+    Ref qualname = check(PyUnicode_FromString(def.name));
+    check(PyDict_SetItemString(body.get(), "__module__", modname.get()));
+    check(PyDict_SetItemString(body.get(), "__qualname__", qualname.get()));
+    check(PyDict_SetItemString(body.get(), "__doc__", doc.get()));
+    check(PyDict_SetItemString(body.get(), "__annotations__", annotations.get()));
+    if (which == 0) check(PyDict_SetItemString(body.get(), "old_path", Py_None));
+    Ref cls = check(PyObject_CallFunction(reinterpret_cast<PyObject*>(&PyType_Type), "s()O", def.name, body.get()));
+    // dataclass(frozen=True), through the imported name.
+    Ref kwargs = check(Py_BuildValue("{s:O}", "frozen", Py_True));
+    Ref decorator = check(PyObject_Call(call.lookup(dataclass), call.st->empty_tuple, kwargs.get()));
+    return check(PyObject_CallOneArg(decorator.get(), cls.get()));
+}
+
+Ref new_record(const Call& call, PyObject* cls, int which, PyObject* const* values, int count) {
+    if (cls != call.st->own[FileChange + which]) return check(PyObject_Vectorcall(cls, values, count, nullptr));
+    // object.__new__(cls), then the fields set in order with object.__setattr__,
+    // exactly what the dataclass's own __init__ does for a frozen class.
+    Ref obj = check(PyBaseObject_Type.tp_new(reinterpret_cast<PyTypeObject*>(cls), call.st->empty_tuple, nullptr));
+    for (int i = 0; i < count; ++i) check(PyObject_GenericSetAttr(obj.get(), call.st->field_names[which][i], values[i]));
+    return obj;
+}
+
+}  // namespace git_utils::binding

@@ -1,0 +1,226 @@
+// Text routines shared by the runner and the parsers: UTF-8 decoding with
+// replacement, line-end normalisation, white space, and Python-style quoting.
+#include <cstring>
+
+#include "utils/git_utils.hpp"
+
+namespace git_utils {
+namespace {
+
+constexpr char kReplacement[] = "\xEF\xBF\xBD";
+
+// Bytes of a well-formed sequence starting at `p` (at most `n` bytes
+// available), or 0 when ill-formed; then `*bad` is the length of the maximal
+// subpart to replace (at least 1).
+std::size_t utf8_sequence(const unsigned char* p, std::size_t n, std::size_t* bad) {
+    unsigned char b = p[0];
+    std::size_t need;
+    unsigned char lo = 0x80, hi = 0xBF;  // allowed range of the second byte
+    if (b < 0x80) return 1;
+    if (b >= 0xC2 && b <= 0xDF) {
+        need = 2;
+    } else if (b >= 0xE0 && b <= 0xEF) {
+        need = 3;
+        if (b == 0xE0) lo = 0xA0;
+        if (b == 0xED) hi = 0x9F;
+    } else if (b >= 0xF0 && b <= 0xF4) {
+        need = 4;
+        if (b == 0xF0) lo = 0x90;
+        if (b == 0xF4) hi = 0x8F;
+    } else {
+        *bad = 1;
+        return 0;
+    }
+    std::size_t i = 1;
+    for (; i < need; ++i) {
+        if (i >= n) break;
+        unsigned char c = p[i];
+        unsigned char l = i == 1 ? lo : 0x80, h = i == 1 ? hi : 0xBF;
+        if (c < l || c > h) break;
+    }
+    if (i == need) return need;
+    *bad = i;
+    return 0;
+}
+
+// True when the eight bytes hold only ASCII and no CR.
+inline bool plain_word(const unsigned char* p) {
+    std::uint64_t w;
+    std::memcpy(&w, p, 8);
+    if (w & 0x8080808080808080ULL) return false;
+    std::uint64_t x = w ^ 0x0D0D0D0D0D0D0D0DULL;  // CR bytes become zero
+    return ((x - 0x0101010101010101ULL) & ~x & 0x8080808080808080ULL) == 0;
+}
+
+}  // namespace
+
+void append_utf8_replacing(std::string& out, std::string_view bytes) {
+    const auto* p = reinterpret_cast<const unsigned char*>(bytes.data());
+    std::size_t n = bytes.size(), i = 0, run = 0;
+    while (i < n) {
+        if (p[i] < 0x80) {
+            ++i;
+            continue;
+        }
+        std::size_t bad = 0;
+        std::size_t len = utf8_sequence(p + i, n - i, &bad);
+        if (len) {
+            i += len;
+            continue;
+        }
+        out.append(bytes.data() + run, i - run);
+        out.append(kReplacement, 3);
+        i += bad;
+        run = i;
+    }
+    out.append(bytes.data() + run, n - run);
+}
+
+void decode_git_text(std::string& text) {
+    const auto* p = reinterpret_cast<const unsigned char*>(text.data());
+    const std::size_t n = text.size();
+    std::size_t i = 0;
+    // Fast scan: most output is ASCII without CR, or well-formed UTF-8.
+    for (;;) {
+        while (i + 8 <= n && plain_word(p + i)) i += 8;
+        if (i >= n) return;
+        unsigned char b = p[i];
+        if (b == '\r') break;
+        if (b < 0x80) {
+            ++i;
+            continue;
+        }
+        std::size_t bad = 0;
+        std::size_t len = utf8_sequence(p + i, n - i, &bad);
+        if (!len) break;
+        i += len;
+    }
+    // Slow path from the first CR or ill-formed byte. CRs only shrink the
+    // text; replacements may grow it, so write into a fresh buffer.
+    std::string out;
+    out.reserve(n + 16);
+    out.append(text, 0, i);
+    std::size_t run = i;
+    while (i < n) {
+        unsigned char b = p[i];
+        if (b == '\r') {
+            out.append(text, run, i - run);
+            out.push_back('\n');
+            i += (i + 1 < n && p[i + 1] == '\n') ? 2 : 1;
+            run = i;
+        } else if (b < 0x80) {
+            ++i;
+        } else {
+            std::size_t bad = 0;
+            std::size_t len = utf8_sequence(p + i, n - i, &bad);
+            if (len) {
+                i += len;
+            } else {
+                out.append(text, run, i - run);
+                out.append(kReplacement, 3);
+                i += bad;
+                run = i;
+            }
+        }
+    }
+    out.append(text, run, n - run);
+    text.swap(out);
+}
+
+bool is_space(char32_t c) {
+    if (c <= 0x20) return c == 0x20 || (c >= 0x09 && c <= 0x0D) || (c >= 0x1C && c <= 0x1F);
+    if (c < 0x85) return false;
+    return c == 0x85 || c == 0xA0 || c == 0x1680 || (c >= 0x2000 && c <= 0x200A) || c == 0x2028 ||
+           c == 0x2029 || c == 0x202F || c == 0x205F || c == 0x3000;
+}
+
+char32_t next_char(std::string_view text, std::size_t& pos) {
+    // Lenient: also reads surrogate code points encoded as three bytes (the
+    // binding passes lone surrogates that way); any other ill-formed byte
+    // reads as U+FFFD and advances one byte.
+    const auto* p = reinterpret_cast<const unsigned char*>(text.data());
+    std::size_t n = text.size();
+    unsigned char b = p[pos];
+    if (b < 0x80) {
+        ++pos;
+        return b;
+    }
+    std::size_t need = b >= 0xF0 ? 4 : b >= 0xE0 ? 3 : b >= 0xC0 ? 2 : 0;
+    if (need == 0 || pos + need > n) {
+        ++pos;
+        return 0xFFFD;
+    }
+    char32_t c = b & (0x7F >> need);
+    for (std::size_t k = 1; k < need; ++k) {
+        if ((p[pos + k] & 0xC0) != 0x80) {
+            ++pos;
+            return 0xFFFD;
+        }
+        c = (c << 6) | (p[pos + k] & 0x3F);
+    }
+    pos += need;
+    return c;
+}
+
+namespace {
+// Length in bytes of the white space at the start of `text`.
+std::size_t leading_space(std::string_view text) {
+    std::size_t pos = 0;
+    while (pos < text.size()) {
+        std::size_t next = pos;
+        if (!is_space(next_char(text, next))) break;
+        pos = next;
+    }
+    return pos;
+}
+}  // namespace
+
+std::string_view strip(std::string_view text) {
+    text.remove_prefix(leading_space(text));
+    // Scan backwards over whole characters: find each character's start.
+    while (!text.empty()) {
+        std::size_t start = text.size() - 1;
+        while (start > 0 && (static_cast<unsigned char>(text[start]) & 0xC0) == 0x80 && text.size() - start < 4)
+            --start;
+        std::size_t pos = start;
+        char32_t c = next_char(text, pos);
+        if (pos != text.size() || !is_space(c)) break;
+        text.remove_suffix(text.size() - start);
+    }
+    return text;
+}
+
+std::string python_repr(std::string_view text) {
+    bool has_single = text.find('\'') != std::string_view::npos;
+    bool has_double = text.find('"') != std::string_view::npos;
+    char quote = has_single && !has_double ? '"' : '\'';
+    std::string out;
+    out.reserve(text.size() + 2);
+    out.push_back(quote);
+    static const char hex[] = "0123456789abcdef";
+    std::size_t pos = 0;
+    while (pos < text.size()) {
+        std::size_t start = pos;
+        char32_t c = next_char(text, pos);
+        if (c == static_cast<char32_t>(quote) || c == '\\') {
+            out.push_back('\\');
+            out.push_back(static_cast<char>(c));
+        } else if (c == '\t') {
+            out += "\\t";
+        } else if (c == '\n') {
+            out += "\\n";
+        } else if (c == '\r') {
+            out += "\\r";
+        } else if (!is_printable(c)) {
+            int digits = c < 0x100 ? 2 : c < 0x10000 ? 4 : 8;
+            out += digits == 2 ? "\\x" : digits == 4 ? "\\u" : "\\U";
+            for (int k = digits - 1; k >= 0; --k) out.push_back(hex[(c >> (4 * k)) & 0xF]);
+        } else {
+            out.append(text.substr(start, pos - start));
+        }
+    }
+    out.push_back(quote);
+    return out;
+}
+
+}  // namespace git_utils

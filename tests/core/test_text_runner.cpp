@@ -1,0 +1,103 @@
+// The shared text routines and the process runner of the core.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <thread>
+
+#include "utils/git_utils.hpp"
+
+using namespace git_utils;
+
+struct DecodeCase {
+    std::string in, out;
+};
+
+class DecodeGitText : public ::testing::TestWithParam<DecodeCase> {};
+
+TEST_P(DecodeGitText, MatchesUnicodeRecommendedReplacement) {
+    std::string text = GetParam().in;
+    decode_git_text(text);
+    EXPECT_EQ(text, GetParam().out);
+}
+
+const std::string R = "\xEF\xBF\xBD";  // U+FFFD
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, DecodeGitText,
+    ::testing::Values(DecodeCase{"", ""}, DecodeCase{"plain ascii text, long enough for words", "plain ascii text, long enough for words"},
+                      DecodeCase{"a\r\nb\rc\r\r\n", "a\nb\nc\n\n"}, DecodeCase{"\xff", R},
+                      DecodeCase{"\xe2\x82", R}, DecodeCase{"\xe0\x80\x80", R + R + R},
+                      DecodeCase{"\xc3\xc2\xa9", R + "\xc2\xa9"}, DecodeCase{"\xed\xa0\x80", R + R + R},
+                      DecodeCase{"\xf4\x90\x80\x80", R + R + R + R}, DecodeCase{"\xf0\x9f\x98", R},
+                      DecodeCase{"caf\xc3\xa9\r\n\xf0\x9f\x98\x80", "caf\xc3\xa9\n\xf0\x9f\x98\x80"},
+                      DecodeCase{std::string(20, 'x') + "\r" + std::string(20, 'y'),
+                                 std::string(20, 'x') + "\n" + std::string(20, 'y')}));
+
+TEST(Text, StripUsesTheWhiteSpaceSetOnly) {
+    EXPECT_EQ(strip(" \t\n\x1c x y \xc2\xa0\xe3\x80\x80"), "x y");
+    EXPECT_EQ(strip("\xe2\x80\x8bx"), "\xe2\x80\x8bx");  // U+200B is not white space
+    EXPECT_EQ(strip("   "), "");
+}
+
+TEST(Text, PythonRepr) {
+    EXPECT_EQ(python_repr(" 0d "), "' 0d '");
+    EXPECT_EQ(python_repr("it's"), "\"it's\"");
+    EXPECT_EQ(python_repr("a'b\"c"), "'a\\'b\"c'");
+    EXPECT_EQ(python_repr("x\ty\\"), "'x\\ty\\\\'");
+    EXPECT_EQ(python_repr("\xc2\xa0\xe2\x80\x8b\x01\xc3\xa9"), "'\\xa0\\u200b\\x01\xc3\xa9'");
+}
+
+TEST(Runner, CapturesBothStreamsAndTheExitCode) {
+    auto r = run_git_command(".", {"-c", "alias.x=!printf 'out\\r\\n'; printf err >&2; exit 3", "x"});
+    EXPECT_EQ(r, (GitResult{"out\n", "err", 3}));
+}
+
+TEST(Runner, MissingDirectoryIsNotFound) {
+    EXPECT_EQ(run_git_command("/no/such/dir", {"status"}), (GitResult{"", "git not found", 1}));
+}
+
+TEST(Runner, FileAsDirectoryThrowsWithTheDirectoryName) {
+    try {
+        run_git_command("/etc/hostname", {"status"});
+        FAIL();
+    } catch (const SpawnError& e) {
+        EXPECT_EQ(e.code().value(), ENOTDIR);
+        EXPECT_EQ(e.filename(), "/etc/hostname");
+    }
+}
+
+TEST(Runner, DeadlineHoldsWhenAGrandchildKeepsThePipesOpen) {
+    auto start = std::chrono::steady_clock::now();
+    auto r = run_git_command(".", {"-c", "alias.x=!sleep 5 & sleep 5", "x"}, 0.3);
+    EXPECT_EQ(r, (GitResult{"", "Command timed out", 1}));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+}
+
+TEST(Runner, KilledBySignalGivesNegativeCode) {
+    auto r = run_git_command(".", {"-c", "alias.x=!kill -9 $PPID", "x"});
+    EXPECT_EQ(r.returncode, -9);
+}
+
+TEST(Runner, LargeOutputIsDrainedWhileStderrIsWrittenToo) {
+    // 8 MB on stdout and 1 MB on stderr: either pipe filling up would deadlock
+    // a runner that read them one after the other.
+    auto r = run_git_command(".", {"-c", "alias.x=!head -c 1000000 /dev/zero >&2; head -c 8000000 /dev/zero", "x"});
+    EXPECT_EQ(r.returncode, 0);
+    EXPECT_EQ(r.out.size(), 8000000u);
+    EXPECT_EQ(r.err.size(), 1000000u);
+}
+
+TEST(Runner, TerminalStdinMakesIsattyTrue) {
+    auto r = run_git_command(".", {"-c", "alias.x=!test -t 0 && echo tty", "x"}, 10, StdinMode::Terminal);
+    EXPECT_EQ(r.out, "tty\n");
+    r = run_git_command(".", {"-c", "alias.x=!test -t 0 || echo no", "x"}, 10, StdinMode::Null);
+    EXPECT_EQ(r.out, "no\n");
+}
+
+TEST(Runner, CheckedOutputRaisesWithGitsMessage) {
+    EXPECT_EQ(git_error_message("  fatal: x\n", 128), "fatal: x");
+    EXPECT_EQ(git_error_message(" \n", -9), "git exited with code -9");
+    EXPECT_THROW(git_output(".", {"rev-parse", "--verify", "no-such-ref-xyz"}), GitError);
+}

@@ -1,0 +1,216 @@
+"""The module boundary: load, constants, records, function objects, and the
+call-time lookup of every name in the module namespace."""
+
+import dataclasses
+import functools
+import inspect
+import os
+import pickle
+import re
+import subprocess
+import sys
+import textwrap
+from pathlib import Path
+
+import pytest
+
+from vantrel_sorlith.utils import git_utils as g
+
+
+def run_python(code):
+    return subprocess.run([sys.executable, "-c", textwrap.dedent(code)], capture_output=True, text=True)
+
+
+@pytest.mark.parametrize(
+    "name, expected",
+    [
+        ("TIME_SPEC_FORMS", "a positive whole number followed by m (minutes), h (hours), d (days) or w (weeks), "
+                            "such as 7d or 24h, or an ISO date such as 2026-09-01"),
+        ("_SPEC_UNITS", {"m": "minutes", "h": "hours", "d": "days", "w": "weeks"}),
+        ("_STATUS_BY_LETTER", {"A": "added", "C": "copied", "D": "deleted", "M": "modified", "R": "renamed",
+                               "T": "modified"}),
+        ("_TWO_PATH_LETTERS", frozenset({"C", "R"})),
+        ("_COMMIT_START", "\x1e"),
+        ("_PATCH_OPTIONS", ("--no-color", "--no-ext-diff", "--no-textconv", "--no-prefix", "-M", "-U0")),
+        ("_C_ESCAPES", {"a": "\a", "b": "\b", "f": "\f", "n": "\n", "r": "\r", "t": "\t", "v": "\v"}),
+        ("_MAX_PATHSPEC_CHARS", 16000),
+    ],
+)
+def test_constants(name, expected):
+    value = getattr(g, name)
+    assert value == expected and type(value) is type(expected)
+
+
+@pytest.mark.parametrize(
+    "name, pattern, flags",
+    [
+        ("_RELATIVE_SPEC", r"(\d+)([mhdw])", 0),
+        ("_HUNK_HEADER", r"@@ -\d+(?:,(\d+))? \+(\d+)(?:,(\d+))? @@", 0),
+        ("_C_ESCAPE", r"\\([0-7]{3}|.)", re.DOTALL),
+    ],
+)
+def test_patterns_are_compiled_re(name, pattern, flags):
+    value = getattr(g, name)
+    assert isinstance(value, re.Pattern)
+    assert (value.pattern, value.flags & ~re.UNICODE) == (pattern, flags)
+
+
+def test_imports_logger_and_error_class():
+    import collections.abc, dataclasses as dc, datetime, logging, pathlib, typing
+    from vantrel_sorlith.utils import best_effort, process
+
+    assert (g.logging, g.re, g.subprocess) == (logging, re, subprocess)
+    assert (g.Sequence, g.dataclass, g.Path, g.Any) == (collections.abc.Sequence, dc.dataclass, pathlib.Path, typing.Any)
+    assert (g.datetime, g.timedelta) == (datetime.datetime, datetime.timedelta)
+    assert g.best_effort is best_effort.best_effort
+    assert g.get_subprocess_hidden_kwargs is process.get_subprocess_hidden_kwargs
+    assert g.logger is logging.getLogger("vantrel_sorlith.utils.git_utils")
+    assert g.GitError.__bases__ == (RuntimeError,)
+    assert g.GitError.__doc__ == "A git command failed; the message carries what git said."
+    assert g.GitError.__module__ == "vantrel_sorlith.utils.git_utils"
+    assert str(g.GitError("msg")) == "msg"
+    assert g.__doc__.startswith("Git utilities for parsing git log, diff, and related commands.")
+
+
+def test_namespace_follows_load_order():
+    names = [n for n in vars(g) if not n.startswith("__")]
+    head = ["logging", "re", "subprocess", "Sequence", "dataclass", "datetime", "timedelta", "Path", "Any",
+            "best_effort", "get_subprocess_hidden_kwargs", "logger", "TIME_SPEC_FORMS", "_RELATIVE_SPEC",
+            "_SPEC_UNITS", "_STATUS_BY_LETTER", "_TWO_PATH_LETTERS", "_COMMIT_START", "_PATCH_OPTIONS",
+            "_HUNK_HEADER", "_C_ESCAPE", "_C_ESCAPES", "GitError", "FileChange", "CommitChanges", "LineSpan"]
+    assert names[: len(head)] == head
+    assert names.index("run_git_command") < names.index("_MAX_PATHSPEC_CHARS") < names.index("_git_output")
+    assert names[-1] == "_git_output"
+
+
+@pytest.mark.parametrize(
+    "cls, values, text",
+    [
+        (g.FileChange, ("a.c", "added", 3, 0), "FileChange(path='a.c', status='added', additions=3, deletions=0, old_path=None)"),
+        (g.CommitChanges, (17, ()), "CommitChanges(timestamp=17, files=())"),
+        (g.LineSpan, (1, 2, True), "LineSpan(start=1, end=2, added=True)"),
+    ],
+)
+def test_records_are_frozen_dataclasses(cls, values, text):
+    rec = cls(*values)
+    assert dataclasses.is_dataclass(cls) and repr(rec) == text
+    assert cls.__dataclass_params__.frozen and not cls.__dataclass_params__.order
+    assert rec == cls(*values) and hash(rec) == hash(cls(*values))
+    first = dataclasses.fields(cls)[0].name
+    with pytest.raises(dataclasses.FrozenInstanceError):
+        setattr(rec, first, values[0])
+    with pytest.raises(dataclasses.FrozenInstanceError):
+        delattr(rec, first)
+    assert dataclasses.replace(rec) == rec
+    assert tuple(dataclasses.asdict(rec).values())[: len(values)] == values
+    assert pickle.loads(pickle.dumps(rec)) == rec
+
+
+def test_record_details():
+    a = g.FileChange("p", "modified", 1, 1)
+    assert a == g.FileChange("p", "modified", 1, 1, None) and a != g.FileChange("p", "modified", 1, 1, "q")
+    assert g.LineSpan(1, 1, False) != g.FileChange("p", "modified", 1, 1)
+    assert g.FileChange(path="p", status="x", additions="3", deletions=None).additions == "3"
+    assert {f.name: f.type for f in dataclasses.fields(g.CommitChanges)} == {
+        "timestamp": int, "files": tuple[g.FileChange, ...]}
+    assert dataclasses.fields(g.FileChange)[4].type == str | None
+    assert g.FileChange.__doc__ == "One file of a diff: its path on the newer side, what happened to it, its line counts."
+    assert g.CommitChanges.__doc__ == "The files one commit changed, and when it was committed (seconds since the epoch)."
+    with pytest.raises(TypeError):
+        g.LineSpan(1, 2) < g.LineSpan(1, 3)
+
+
+def test_function_objects_look_like_python_functions():
+    f = g.run_git_command
+    assert str(inspect.signature(f)) == "(repo_root: pathlib.Path, args: list[str], timeout: int = 30) -> tuple[str, str, int]"
+    assert f.__annotations__ == {"repo_root": Path, "args": list[str], "timeout": int, "return": tuple[str, str, int]}
+    assert (f.__name__, f.__qualname__, f.__module__) == ("run_git_command", "run_git_command", g.__name__)
+    assert f.__defaults__ == (30,) and f.__kwdefaults__ is None and f.__doc__
+    assert str(inspect.signature(g._git_output)) == "(repo_root: pathlib.Path, args: list[str]) -> str"
+
+    @functools.wraps(f)
+    def wrapper(*args, **kwargs):
+        return f(*args, **kwargs)
+
+    assert wrapper.__name__ == "run_git_command" and wrapper.__wrapped__ is f
+    assert inspect.signature(wrapper) == inspect.signature(f)
+    assert pickle.loads(pickle.dumps(f)) is f
+
+
+@pytest.mark.parametrize(
+    "call, message",
+    [
+        (lambda f: f(), "missing 2 required positional arguments: 'repo_root' and 'args'"),
+        (lambda f: f("/r"), "missing 1 required positional argument: 'args'"),
+        (lambda f: f("/r", [], 1, 2), "takes from 2 to 3 positional arguments but 4 were given"),
+        (lambda f: f("/r", [], tmeout=1), "got an unexpected keyword argument 'tmeout'"),
+        (lambda f: f("/r", [], repo_root="/r"), "got multiple values for argument 'repo_root'"),
+    ],
+)
+def test_argument_errors_come_before_git(module_state, call, message):
+    calls = []
+    module_state.get_subprocess_hidden_kwargs = lambda: calls.append(1) or {}
+    with pytest.raises(TypeError, match=re.escape(message)):
+        call(g.run_git_command)
+    assert calls == []
+
+
+def test_keyword_arguments_are_accepted(repo):
+    assert g.run_git_command(args=["rev-parse", "--is-inside-work-tree"], repo_root=repo, timeout=None) == ("true\n", "", 0)
+
+
+def test_replacing_the_runner_redirects_checked_output(module_state):
+    module_state.run_git_command = lambda root, args: ("from host\n", "", 0)
+    assert g._git_output("/nowhere", ["anything"]) == "from host\n"
+
+
+@pytest.mark.parametrize("option", ["cwd", "capture_output", "encoding", "errors", "timeout"])
+def test_host_option_clash_fails_before_git_starts(module_state, repo, option):
+    module_state.get_subprocess_hidden_kwargs = lambda: {option: None}
+    module_state.subprocess = None  # would fail loudly if anything tried to start git
+    with pytest.raises(TypeError, match=f"'{option}'"):
+        g.run_git_command(repo, ["status"])
+
+
+def test_env_option_is_honoured(module_state, repo):
+    module_state.get_subprocess_hidden_kwargs = lambda: {"env": {"PATH": os.environ["PATH"], "GREETING": "hi there"}}
+    assert g.run_git_command(repo, ["-c", 'alias.say=!printf %s "$GREETING"', "say"]) == ("hi there", "", 0)
+
+
+def test_other_options_go_through_the_hosts_subprocess_run(module_state, repo):
+    seen = {}
+    real_run = subprocess.run
+
+    class Recorder:
+        TimeoutExpired = subprocess.TimeoutExpired
+
+        @staticmethod
+        def run(cmd, **kwargs):
+            seen.update(kwargs, cmd=cmd)
+            return real_run(cmd, **kwargs)
+
+    module_state.subprocess = Recorder
+    module_state.get_subprocess_hidden_kwargs = lambda: {"start_new_session": True}
+    assert g.run_git_command(repo, ["-c", "alias.crlf=!printf 'a\\r\\nb'", "crlf"]) == ("a\nb", "", 0)
+    assert seen["cmd"][0] == "git" and seen["start_new_session"] is True
+    assert {k: seen[k] for k in ("cwd", "capture_output", "encoding", "errors", "timeout")} == {
+        "cwd": str(repo), "capture_output": True, "encoding": "utf-8", "errors": "replace", "timeout": 30}
+
+
+@pytest.mark.parametrize(
+    "setup",
+    [
+        "sys.modules['vantrel_sorlith.utils.process'] = None",
+        "import types; sys.modules['vantrel_sorlith.utils.best_effort'] = types.ModuleType('x')",
+    ],
+)
+def test_missing_host_service_fails_the_import(setup):
+    done = run_python(f"""
+        import sys
+        {setup}
+        try:
+            import vantrel_sorlith.utils.git_utils
+        except ImportError as e:
+            print("ImportError", e)
+        """)
+    assert done.stdout.startswith("ImportError"), done.stderr
