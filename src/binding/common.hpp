@@ -174,5 +174,35 @@ Ref str_list(const std::vector<std::string>& items);
 // Implementations, by family (one file each).
 Ref impl_run_git_command(const Call&, PyObject* const*);
 Ref impl_git_output(const Call&, PyObject* const*);
+Ref impl_parse_file_changes(const Call&, PyObject* const*);
+Ref impl_parse_commit_changes(const Call&, PyObject* const*);
+Ref impl_parse_line_spans(const Call&, PyObject* const*);
+Ref impl_span(const Call&, PyObject* const*);
+Ref impl_file_changes(const Call&, PyObject* const*);
+Ref impl_line_count(const Call&, PyObject* const*);
+Ref impl_patch_path(const Call&, PyObject* const*);
+Ref impl_unquote(const Call&, PyObject* const*);
+Ref impl_unquote_text(const Call& call, PyObject* text);
+// Parsing of git output (UTF-8) for the queries, through the namespace.
+Ref file_changes_from_output(const Call& call, std::string_view output);
+Ref line_spans_of_text(const Call& call, std::string_view text);
+Ref commit_changes_from_output(const Call& call, std::string_view output);
+Ref commit_changes_of_text(const Call& call, std::string_view text);
+Ref impl_find_git_root(const Call&, PyObject* const*);
+Ref impl_find_repo_root(const Call&, PyObject* const*);
+Ref impl_resolve_display_branch(const Call&, PyObject* const*);
+Ref impl_normalize_branch_name(const Call&, PyObject* const*);
+Ref impl_parse_time_spec(const Call&, PyObject* const*);
+Ref impl_get_head_commit(const Call&, PyObject* const*);
+Ref impl_get_default_branch(const Call&, PyObject* const*);
+Ref impl_branch_exists(const Call&, PyObject* const*);
+Ref impl_get_authors_for_period(const Call&, PyObject* const*);
+Ref impl_resolve_commit(const Call&, PyObject* const*);
+Ref impl_count_commits(const Call&, PyObject* const*);
+Ref impl_commit_before(const Call&, PyObject* const*);
+Ref impl_diff_file_changes(const Call&, PyObject* const*);
+Ref impl_log_commit_changes(const Call&, PyObject* const*);
+Ref impl_diff_line_spans(const Call&, PyObject* const*);
+Ref impl_path_batches(const Call&, PyObject* const*);
 
 }  // namespace git_utils::binding
