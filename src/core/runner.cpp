@@ -215,6 +215,13 @@ RunOutcome run_git_process(const std::vector<std::string>& args, const std::stri
     out_w.reset();
     err_w.reset();
     tty_slave.reset();
+    if (tty_master.get() >= 0) {
+        // End of file on the terminal (it starts in canonical mode): git
+        // reads stdin only when it has no revision to summarise (outside a
+        // repository, no commits yet), and then it must not wait for input.
+        const char eof = 0x04;
+        (void)!::write(tty_master.get(), &eof, 1);
+    }
 
     Fd pidfd(pidfd_open(pid));
     std::size_t out_used = 0, err_used = 0;
