@@ -342,31 +342,43 @@ std::vector<FileChangeView> file_change_views(const std::vector<std::string_view
 }
 
 std::vector<CommitView> commit_change_views(std::string_view output, const TwoPathLetters& two_path) {
-    const std::vector<std::string_view> tokens = split_nul(output);
-    const std::span<const std::string_view> all(tokens);
     std::vector<CommitView> commits;
     FileChangeParser parser(two_path);
+    // The tokens of the open commit only: a whole log's tokens would take
+    // more memory than the log itself.
+    std::vector<std::string_view> body;
+    bool open = false;
 
-    auto is_header = [](std::string_view token) {
-        std::size_t lf = 0;
-        while (lf < token.size() && token[lf] == '\n') ++lf;
-        return lf < token.size() && token[lf] == kCommitStart;
+    auto close = [&]() {
+        commits.back().files = parser.parse(body);
+        body.clear();
     };
 
-    std::size_t i = 0;
-    while (i < tokens.size() && !is_header(tokens[i])) ++i;  // before the first header: ignored
-    while (i < tokens.size()) {
-        std::string_view header = tokens[i];
-        std::size_t lf = header.find_first_not_of('\n');
-        std::size_t body_start = ++i;
-        while (i < tokens.size() && !is_header(tokens[i])) ++i;
+    const char* p = output.data();
+    const char* const end = p + output.size();
+    for (;;) {
+        const void* nul = p == end ? nullptr : std::memchr(p, '\0', static_cast<std::size_t>(end - p));
+        const char* token_end = nul ? static_cast<const char*>(nul) : end;
+        const std::string_view token(p, static_cast<std::size_t>(token_end - p));
 
-        CommitView& commit = commits.emplace_back();
-        commit.stamp = strip(header.substr(lf + 1));
-        commit.timestamp = read_timestamp(commit.stamp, commit.valid);
-        if (!commit.valid) break;  // the whole parse fails at this commit
-        commit.files = parser.parse(all.subspan(body_start, i - body_start));
+        std::size_t lf = 0;
+        while (lf < token.size() && token[lf] == '\n') ++lf;
+        if (lf < token.size() && token[lf] == kCommitStart) {
+            if (open) close();
+            CommitView& commit = commits.emplace_back();
+            commit.stamp = strip(token.substr(lf + 1));
+            commit.timestamp = read_timestamp(commit.stamp, commit.valid);
+            // The whole parse fails at this commit: nothing after it is read.
+            if (!commit.valid) return commits;
+            open = true;
+        } else if (open) {
+            body.push_back(token);
+        }  // tokens before the first header are ignored
+
+        if (!nul) break;
+        p = token_end + 1;
     }
+    if (open) close();
     return commits;
 }
 
