@@ -47,12 +47,12 @@ struct FileChangesCase {
     std::vector<FileChange> expected;
 };
 
-class ParseFileChanges : public testing::TestWithParam<FileChangesCase> {};
+class ParseFileChangesStream : public testing::TestWithParam<FileChangesCase> {};
 
-TEST_P(ParseFileChanges, Records) { EXPECT_EQ(parse_file_changes(GetParam().output), GetParam().expected); }
+TEST_P(ParseFileChangesStream, Records) { EXPECT_EQ(parse_file_changes(GetParam().output), GetParam().expected); }
 
 INSTANTIATE_TEST_SUITE_P(
-    Streams, ParseFileChanges,
+    ParseFileChanges, ParseFileChangesStream,
     testing::Values(
         FileChangesCase{"empty", "", {}}, FileChangesCase{"only_nuls", std::string(3, '\0'), {}},
         FileChangesCase{"modified", Z({kModHeader + "M", "src/a.c", "3\t1\tsrc/a.c", ""}),
@@ -116,7 +116,7 @@ TEST_P(ParseFileChangesCount, LineCount) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Fields, ParseFileChangesCount,
+    ParseFileChanges, ParseFileChangesCount,
     testing::Values(CountCase{"0", "0", 0, true}, CountCase{"007", "007", 7, true}, CountCase{"-", "", 0, true},
                     CountCase{"", "", 0, true}, CountCase{"+1", "", 0, true}, CountCase{"1 ", "", 0, true},
                     CountCase{"\u0663\u0664", "\u0663\u0664", 34, true},  // Arabic-Indic digits
@@ -189,7 +189,7 @@ TEST_P(ParseCommitLogStamp, ReadLikePythonInt) {
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Stamps, ParseCommitLogStamp,
+    ParseCommitLog, ParseCommitLogStamp,
     testing::Values(StampCase{"1700000000", true, 1700000000}, StampCase{"+12", true, 12}, StampCase{"-12", true, -12},
                     StampCase{"1_000", true, 1000}, StampCase{"\u0663\u0664", true, 34}, StampCase{" 7\n", true, 7},
                     StampCase{"-9223372036854775808", true, std::numeric_limits<std::int64_t>::min()},
@@ -205,12 +205,12 @@ struct UnquoteCase {
     std::string in, out;
 };
 
-class Unquote : public testing::TestWithParam<UnquoteCase> {};
+class UnquoteEscapes : public testing::TestWithParam<UnquoteCase> {};
 
-TEST_P(Unquote, Result) { EXPECT_EQ(unquote(GetParam().in), GetParam().out); }
+TEST_P(UnquoteEscapes, Result) { EXPECT_EQ(unquote(GetParam().in), GetParam().out); }
 
 INSTANTIATE_TEST_SUITE_P(
-    Escapes, Unquote,
+    Unquote, UnquoteEscapes,
     testing::Values(UnquoteCase{"", ""}, UnquoteCase{"plain café", "plain café"}, UnquoteCase{"a\\tb", "a\tb"},
                     UnquoteCase{"\\a\\b\\f\\n\\r\\t\\v", "\a\b\f\n\r\t\v"},
                     UnquoteCase{"\\303\\251t\\303\\251", "été"}, UnquoteCase{"\\303", "\uFFFD"},
@@ -241,7 +241,7 @@ class ParseLineSpansPath : public testing::TestWithParam<PatchPathCase> {};
 TEST_P(ParseLineSpansPath, PatchPath) { EXPECT_EQ(patch_path(GetParam().text), GetParam().path); }
 
 INSTANTIATE_TEST_SUITE_P(
-    Names, ParseLineSpansPath,
+    ParseLineSpans, ParseLineSpansPath,
     testing::Values(PatchPathCase{"src/a.c", "src/a.c"}, PatchPathCase{"my file.txt\t", "my file.txt"},
                     PatchPathCase{"x\t\t", "x\t"}, PatchPathCase{"x \t", "x "}, PatchPathCase{"/dev/null", std::nullopt},
                     PatchPathCase{"/dev/null\t", std::nullopt}, PatchPathCase{"\"/dev/null\"", "/dev/null"},
@@ -260,7 +260,7 @@ TEST_P(ParseLineSpansSpan, Span) {
     EXPECT_EQ(span(c.start, c.new_count, c.old_count), c.expected);
 }
 
-INSTANTIATE_TEST_SUITE_P(Numbers, ParseLineSpansSpan,
+INSTANTIATE_TEST_SUITE_P(ParseLineSpans, ParseLineSpansSpan,
                          testing::Values(SpanCase{3, 1, 1, {3, 3, false}}, SpanCase{11, 2, 0, {11, 12, true}},
                                          SpanCase{4, 0, 2, {4, 4, false}}, SpanCase{0, 0, 2, {1, 1, false}},
                                          SpanCase{-9, 0, 1, {1, 1, false}}, SpanCase{1, 3, 0, {1, 3, true}},
@@ -273,12 +273,12 @@ struct PatchCase {
     LineSpansByPath expected;
 };
 
-class ParseLineSpans : public testing::TestWithParam<PatchCase> {};
+class ParseLineSpansPatch : public testing::TestWithParam<PatchCase> {};
 
-TEST_P(ParseLineSpans, Spans) { EXPECT_EQ(parse_line_spans(GetParam().patch), GetParam().expected); }
+TEST_P(ParseLineSpansPatch, Spans) { EXPECT_EQ(parse_line_spans(GetParam().patch), GetParam().expected); }
 
 INSTANTIATE_TEST_SUITE_P(
-    Patches, ParseLineSpans,
+    ParseLineSpans, ParseLineSpansPatch,
     testing::Values(
         PatchCase{"empty", "", {}}, PatchCase{"no_hunk", "diff --git a a\n--- a\n+++ a\n", {}},
         PatchCase{"replace", "diff --git src/a.c src/a.c\n--- src/a.c\n+++ src/a.c\n@@ -3 +3 @@\n-old\n+new\n",
