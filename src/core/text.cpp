@@ -95,36 +95,61 @@ void decode_git_text(std::string& text) {
         if (!len) break;
         i += len;
     }
-    // Slow path from the first CR or ill-formed byte. CRs only shrink the
-    // text; replacements may grow it, so write into a fresh buffer.
+    // From the first CR or ill-formed byte on, the text is rewritten in runs:
+    // in place while the written text stays behind the read position (CR LF
+    // pairs leave room for replacements longer than what they replace), into
+    // a fresh buffer once a replacement would overtake it.
+    char* d = text.data();
+    std::size_t w = i;
     std::string out;
-    out.reserve(n + 16);
-    out.append(text, 0, i);
-    std::size_t run = i;
-    while (i < n) {
-        unsigned char b = p[i];
-        if (b == '\r') {
-            out.append(text, run, i - run);
-            out.push_back('\n');
-            i += (i + 1 < n && p[i + 1] == '\n') ? 2 : 1;
-            run = i;
-        } else if (b < 0x80) {
-            ++i;
+    bool copying = false;
+    auto emit = [&](const char* src, std::size_t len) {
+        if (copying) {
+            out.append(src, len);
         } else {
+            if (d + w != src) std::memmove(d + w, src, len);
+            w += len;
+        }
+    };
+    while (i < n) {
+        std::size_t run = i;
+        for (;;) {
+            while (i + 8 <= n && plain_word(p + i)) i += 8;
+            while (i < n && p[i] < 0x80 && p[i] != '\r') ++i;
+            if (i >= n || p[i] == '\r') break;
             std::size_t bad = 0;
             std::size_t len = utf8_sequence(p + i, n - i, &bad);
-            if (len) {
-                i += len;
-            } else {
-                out.append(text, run, i - run);
-                out.append(kReplacement, 3);
-                i += bad;
-                run = i;
-            }
+            if (!len) break;
+            i += len;  // well-formed: part of the run
         }
+        emit(text.data() + run, i - run);
+        if (i >= n) break;
+        if (p[i] == '\r') {
+            emit("\n", 1);
+            i += (i + 1 < n && p[i + 1] == '\n') ? 2 : 1;
+            continue;
+        }
+        std::size_t bad = 0;
+        utf8_sequence(p + i, n - i, &bad);
+        if (!copying && w + 3 <= i + bad) {  // room left by earlier CR LF pairs
+            std::memcpy(d + w, kReplacement, 3);
+            w += 3;
+            i += bad;
+            continue;
+        }
+        if (!copying) {
+            copying = true;
+            out.reserve(n + n / 8 + 16);
+            out.assign(text.data(), w);
+        }
+        out.append(kReplacement, 3);
+        i += bad;
     }
-    out.append(text, run, n - run);
-    text.swap(out);
+    if (copying) {
+        text.swap(out);
+    } else {
+        text.resize(w);
+    }
 }
 
 bool is_space(char32_t c) {

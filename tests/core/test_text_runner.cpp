@@ -32,6 +32,9 @@ INSTANTIATE_TEST_SUITE_P(
                       DecodeCase{"\xc3\xc2\xa9", R + "\xc2\xa9"}, DecodeCase{"\xed\xa0\x80", R + R + R},
                       DecodeCase{"\xf4\x90\x80\x80", R + R + R + R}, DecodeCase{"\xf0\x9f\x98", R},
                       DecodeCase{"caf\xc3\xa9\r\n\xf0\x9f\x98\x80", "caf\xc3\xa9\n\xf0\x9f\x98\x80"},
+                      // The first replacement fits in the room left by the CR LF
+                      // pairs, the second does not.
+                      DecodeCase{"x\r\n\r\n\xff\xfe", "x\n\n" + R + R},
                       DecodeCase{std::string(20, 'x') + "\r" + std::string(20, 'y'),
                                  std::string(20, 'x') + "\n" + std::string(20, 'y')}));
 

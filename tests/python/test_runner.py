@@ -38,6 +38,7 @@ def python_reading(data: bytes) -> str:
         b"\xf4\x90\x80\x80 above max",
         b"caf\xc3\xa9 \xf0\x9f\x98\x80\r",
         b"\r",
+        b"x\r\n\r\n\xff\xfe\r\n\xc3",
         b"",
     ],
 )

@@ -1,0 +1,520 @@
+"""Repository queries, roots, branch names and time specs: exact git argument
+lists through a recording runner, and behaviour against real repositories."""
+
+import inspect
+import json
+import logging
+import os
+import subprocess
+import sys
+import time
+from datetime import datetime, timedelta, timezone
+from pathlib import Path
+from types import SimpleNamespace
+
+import pytest
+
+from conftest import git
+from vantrel_sorlith.utils import git_utils as g
+
+LOGGER = "vantrel_sorlith.utils.git_utils"
+NAMES = ["with space.txt", "tab\there.txt", 'quote"d.txt', "back\\slash.txt", "naïve é.txt"]
+DATES = {"c1": "2024-01-01T12:00:00+00:00", "c2": "2024-01-15T12:00:00+00:00",
+         "c3": "2024-02-01T12:00:00+00:00", "merge": "2024-03-01T12:00:00+00:00"}
+STAMP = {k: int(datetime.fromisoformat(v).timestamp()) for k, v in DATES.items()}
+THREE = "one\ntwo\nthree\n"
+
+
+def commit_all(root, files, date, message="change"):
+    for name, content in files.items():
+        if content is None:
+            git(root, "rm", "-q", "--", name)
+            continue
+        path = Path(root, name)
+        path.parent.mkdir(parents=True, exist_ok=True)
+        path.write_bytes(content if isinstance(content, bytes) else content.encode())
+    git(root, "add", "-A")
+    git(root, "commit", "-q", "-m", message, date=date)
+    return git(root, "rev-parse", "HEAD").strip()
+
+
+def commit_as(root, who, email, when):
+    env = dict(os.environ, GIT_AUTHOR_NAME=who, GIT_AUTHOR_EMAIL=email, GIT_AUTHOR_DATE=when, GIT_COMMITTER_DATE=when)
+    Path(root, "log.txt").open("a").write(f"{who} {when}\n")
+    git(root, "add", "-A")
+    subprocess.run(["git", "commit", "-q", "-m", who], cwd=root, env=env, check=True, capture_output=True)
+
+
+def git_stderr(cwd, *args):
+    return subprocess.run(["git", *args], cwd=cwd, capture_output=True, text=True).stderr.strip()
+
+
+@pytest.fixture(scope="session")
+def world(isolated_git, tmp_path_factory):
+    base = tmp_path_factory.mktemp("world")
+    w = SimpleNamespace(outside=tmp_path_factory.mktemp("outside"), hist=base / "hist", wt=base / "wt")
+    hist = w.hist
+    hist.mkdir()
+    git(hist, "init", "-q", "-b", "main")
+    w.c1 = commit_all(hist, {"docs/guide.md": "".join(f"g{i}\n" for i in range(10)), "a.txt": THREE,
+                             "crlf.txt": b"a\r\nb\r\nc\r\n", "logo.bin": bytes(range(256)), "gone.txt": "bye\n",
+                             "src.txt": "".join(f"{i}\n" for i in range(50)), **{n: THREE for n in NAMES}},
+                      DATES["c1"])
+    git(hist, "tag", "-a", "v1", "-m", "release", date=DATES["c1"])
+    git(hist, "branch", "trunk")
+    git(hist, "checkout", "-q", "-b", "feature")
+    w.c3 = commit_all(hist, {"docs/guide.md": None, "guide/intro.md": "".join(f"g{i}\n" for i in range(10)),
+                             "crlf.txt": b"a\r\nB\r\nc\r\n", "logo.bin": bytes(reversed(range(256))),
+                             "gone.txt": None, "copy.txt": "".join(f"{i}\n" for i in range(50)),
+                             "new.txt": "n1\nn2\n", **{n: "one\nTWO\nthree\nfour\n" for n in NAMES}}, DATES["c3"])
+    git(hist, "checkout", "-q", "main")
+    w.c2 = commit_all(hist, {"a.txt": "one\n2\nthree\n"}, DATES["c2"])
+    git(hist, "checkout", "-q", "-b", "integration")
+    git(hist, "merge", "-q", "--no-ff", "-m", "merge", "feature", date=DATES["merge"])
+    w.merge = git(hist, "rev-parse", "HEAD").strip()
+    git(hist, "checkout", "-q", "main")
+    git(hist, "worktree", "add", "-q", "--detach", str(w.wt), w.c1)
+
+    w.empty = base / "empty"
+    git(base, "init", "-q", "-b", "main", "empty")
+    git(base, "clone", "-q", str(hist), "clone")
+    git(base, "clone", "-q", str(hist), "trunk_clone")
+    w.clone, w.trunk_clone = base / "clone", base / "trunk_clone"
+    git(w.trunk_clone, "remote", "set-head", "origin", "trunk")
+    git(w.trunk_clone, "branch", "master")
+    for name, branches in {"master_only": ["master"], "both": ["main", "master"]}.items():
+        root = base / name
+        git(base, "init", "-q", "-b", branches[0], name)
+        commit_all(root, {"f.txt": "x\n"}, DATES["c1"])
+        for extra in branches[1:]:
+            git(root, "branch", extra)
+        setattr(w, name, root)
+
+    w.authors = base / "authors"
+    git(base, "init", "-q", "-b", "main", "authors")
+    now = int(time.time())
+    for who, email, days in [("Old Timer", "old@example.com", 2000), ("Ada Tester", "ada@example.com", 5),
+                             ("Bob Builder", "bob@example.com", 4), ("Ada Tester", "ada@example.com", 3),
+                             ("Ada Tester", "ada@work.example", 2)]:
+        commit_as(w.authors, who, email, f"@{now - days * 86400} +0000")
+    return w
+
+
+# ---------------------------------------------------------------------------
+# Exact argument lists, through a recorder that replaces the runner
+# ---------------------------------------------------------------------------
+
+ROOT = Path("/some/repo")
+OK, FAIL = ("", "", 0), ("", "fatal: nope\n", 128)
+MOMENT = datetime(2026, 9, 1, 14, 5, 9, 750000)
+PATCH = ["-c", "core.quotepath=off", "--literal-pathspecs", "diff", "--no-color", "--no-ext-diff", "--no-textconv",
+         "--no-prefix", "-M", "-U0"]
+LOG = ["log", "--since=2026-09-01 14:05:09", "--max-count=5", "--no-show-signature", "--format=%x1e%ct", "--raw",
+       "--numstat", "-M", "-z"]
+SYM, RPV = ["symbolic-ref", "refs/remotes/origin/HEAD"], ["rev-parse", "--verify"]
+
+
+class Recorder:
+    """Answers git runs from a list of triples (the last one repeats)."""
+
+    def __init__(self, answers):
+        self.answers, self.calls, self.roots = list(answers), [], []
+
+    def run(self, repo_root, args):
+        self.calls.append(list(args))
+        self.roots.append(repo_root)
+        answer = self.answers[min(len(self.calls), len(self.answers)) - 1]
+        return answer
+
+    def output(self, repo_root, args):
+        out, err, rc = self.run(repo_root, args)
+        if rc != 0:
+            raise g.GitError(err.strip() or f"git exited with code {rc}")
+        return out
+
+
+def install(module, answers, via="runner"):
+    rec = Recorder(answers)
+    module.run_git_command = rec.run
+    if via == "checked":
+        module._git_output = rec.output
+    return rec
+
+
+@pytest.mark.parametrize("via", ["runner", "checked"])
+@pytest.mark.parametrize(
+    "call, answers, calls, result",
+    [
+        (lambda: g.diff_file_changes(ROOT, "main", "topic"), [OK],
+         [["diff", "--raw", "--numstat", "-M", "-z", "--no-textconv", "main...topic"]], []),
+        (lambda: g.log_commit_changes(ROOT, since=MOMENT, ref=None, max_commits=5), [OK], [LOG], []),
+        (lambda: g.log_commit_changes(ROOT, since=MOMENT, ref="0123abc", max_commits=5), [OK],
+         [LOG + ["0123abc"]], []),
+        (lambda: g.diff_line_spans(ROOT, "main", "feature", merge_base=True), [OK],
+         [PATCH + ["--diff-filter=MR", "main...feature"]], {}),
+        (lambda: g.diff_line_spans(ROOT, "main", "feature", merge_base=False, paths=["src/a.c", "b c"],
+                                   diff_filter="MRA"), [OK],
+         [PATCH + ["--diff-filter=MRA", "main", "feature", "--", "src/a.c", "b c"]], {}),
+        (lambda: g.diff_line_spans(ROOT, "a", "b", merge_base=True, paths=(), diff_filter=""), [OK],
+         [PATCH + ["--diff-filter=", "a...b"]], {}),
+        (lambda: g.get_head_commit(ROOT), [("abc1234\n", "", 0)], [["rev-parse", "--short", "HEAD"]], "abc1234"),
+        (lambda: g.get_head_commit(ROOT, False), [("HEAD\n", "fatal: x\n", 128)], [["rev-parse", "HEAD"]], None),
+        (lambda: g.resolve_commit(ROOT, "v1"), [("f" * 40 + "\n", "", 0)],
+         [["rev-parse", "--verify", "--quiet", "v1^{commit}"]], "f" * 40),
+        (lambda: g.resolve_commit(ROOT, "-x"), [OK], [], None),
+        (lambda: g.resolve_commit(ROOT, "--all"), [OK], [], None),
+        (lambda: g.resolve_commit(ROOT, ""), [OK], [], None),
+        (lambda: g.count_commits(ROOT, "main", "topic"), [(" 3\n", "", 0)], [["rev-list", "--count", "main..topic"]], 3),
+        (lambda: g.count_commits(ROOT, "main", "topic"), [("\n", "", 0)], [["rev-list", "--count", "main..topic"]], 0),
+        (lambda: g.count_commits(ROOT, "x", "y"), [FAIL], [["rev-list", "--count", "x..y"]], g.GitError),
+        (lambda: g.commit_before(ROOT, "main", MOMENT), [("abc\n", "", 0)],
+         [["rev-list", "-1", "--before=2026-09-01 14:05:09", "main"]], "abc"),
+        (lambda: g.commit_before(ROOT, "-main", datetime(999, 1, 2, 3, 4, 5)), [("\n", "", 0)],
+         [["rev-list", "-1", "--before=0999-01-02 03:04:05", "-main"]], None),
+        (lambda: g.get_authors_for_period(ROOT, " 2026-09-01"), [("    12\tJane Roe <jane@x.org>\n", "", 0)],
+         [["shortlog", "--since=2026-09-01 00:00:00", "-sne"]], [{"name": "Jane Roe", "email": "jane@x.org", "commits": 12}]),
+        (lambda: g.get_authors_for_period(ROOT, "2026-09-01"), [FAIL],
+         [["shortlog", "--since=2026-09-01 00:00:00", "-sne"]], []),
+        (lambda: g.resolve_display_branch(ROOT), [(" feature/x\n", "", 0)], [["branch", "--show-current"]], "feature/x"),
+        (lambda: g.checked_out_branch(ROOT), [("\n", "", 0)], [["branch", "--show-current"]], None),
+        (lambda: g.get_default_branch(ROOT), [("refs/remotes/origin/develop\n", "", 0)], [SYM], "develop"),
+        (lambda: g.get_default_branch(ROOT), [("refs/heads/odd\n", "", 0)], [SYM], "refs/heads/odd"),
+        (lambda: g.get_default_branch(ROOT), [FAIL, OK], [SYM, RPV + ["main"]], "main"),
+        (lambda: g.get_default_branch(ROOT), [(" \n", "", 0), FAIL, OK], [SYM, RPV + ["main"], RPV + ["master"]],
+         "master"),
+        (lambda: g.get_default_branch(ROOT), [FAIL], [SYM, RPV + ["main"], RPV + ["master"]], "main"),
+        (lambda: g.branch_exists(ROOT, "feature"), [OK], [RPV + ["feature"]], True),
+        (lambda: g.branch_exists(ROOT, "feature"), [FAIL, OK], [RPV + ["feature"], RPV + ["origin/feature"]], True),
+        (lambda: g.branch_exists(ROOT, "x"), [FAIL], [RPV + ["x"], RPV + ["origin/x"]], False),
+        (lambda: g.branch_exists(ROOT, "origin/x"), [FAIL], [RPV + ["origin/x"]], False),
+    ],
+)
+def test_git_argument_lists(module_state, via, call, answers, calls, result):
+    rec = install(module_state, answers, via)
+    if result is g.GitError:
+        with pytest.raises(g.GitError, match="^fatal: nope$"):
+            call()
+    else:
+        assert call() == result
+    assert rec.calls == calls
+    assert all(root is ROOT for root in rec.roots)
+
+
+def test_invalid_since_runs_no_git(module_state):
+    rec = install(module_state, [OK])
+    with pytest.raises(ValueError, match="; got '0d'$"):
+        g.get_authors_for_period(ROOT, "0d")
+    assert rec.calls == []
+
+
+def test_signatures_and_argument_errors_come_before_git(module_state):
+    rec = install(module_state, [OK])
+    kinds = lambda f: [(p.name, p.kind.name, p.default) for p in inspect.signature(f).parameters.values()]
+    empty = inspect.Parameter.empty
+    assert kinds(g.log_commit_changes) == [("repo_root", "POSITIONAL_OR_KEYWORD", empty), ("since", "KEYWORD_ONLY", empty),
+                                           ("ref", "KEYWORD_ONLY", empty), ("max_commits", "KEYWORD_ONLY", empty)]
+    assert kinds(g.diff_line_spans)[3:] == [("merge_base", "KEYWORD_ONLY", empty), ("paths", "KEYWORD_ONLY", ()),
+                                            ("diff_filter", "KEYWORD_ONLY", "MR")]
+    for bad in [lambda: g.log_commit_changes(ROOT, MOMENT, ref=None, max_commits=1),
+                lambda: g.log_commit_changes(ROOT, since=MOMENT, ref=None),
+                lambda: g.diff_line_spans(ROOT, "a", "b"),
+                lambda: g.diff_line_spans(ROOT, "a", "b", True)]:
+        with pytest.raises(TypeError):
+            bad()
+    assert rec.calls == []
+
+
+def test_paths_are_batched_by_characters_within_the_budget(module_state):
+    module_state._MAX_PATHSPEC_CHARS = 10
+    rec = install(module_state, [OK])
+    paths = ("aaaa", "bbbb", "cc", "d" * 16, "e", "éééé", "f")
+    expected = [["aaaa", "bbbb"], ["cc"], ["d" * 16], ["e", "éééé", "f"]]
+    assert g._path_batches(paths) == expected
+    assert g.diff_line_spans(ROOT, "a", "b", merge_base=True, paths=paths) == {}
+    assert rec.calls == [PATCH + ["--diff-filter=MR", "a...b", "--", *batch] for batch in expected]
+
+
+def test_later_batch_replaces_a_paths_spans_in_place(module_state):
+    module_state._MAX_PATHSPEC_CHARS = 4
+    install(module_state, [("+++ x\n@@ -1 +1 @@\n-a\n+b\n+++ y\n@@ -0,0 +1 @@\n+n\n", "", 0),
+                           ("+++ x\n@@ -3 +5,2 @@\n-a\n+b\n+c\n", "", 0)])
+    spans = g.diff_line_spans(ROOT, "a", "b", merge_base=True, paths=["x", "y", "x"])
+    assert list(spans.items()) == [("x", [g.LineSpan(5, 6, False)]), ("y", [g.LineSpan(1, 1, True)])]
+
+
+def test_failure_in_second_batch_raises_and_stops(module_state, world):
+    real, calls = g.run_git_command, []
+
+    def flaky(root, args):
+        calls.append(args)
+        return ("", "fatal: second batch failed\n", 128) if len(calls) == 2 else real(root, args)
+
+    module_state.run_git_command = flaky
+    module_state._MAX_PATHSPEC_CHARS = 1
+    with pytest.raises(g.GitError, match="^fatal: second batch failed$"):
+        g.diff_line_spans(world.hist, "main", "feature", merge_base=True, paths=NAMES[:3])
+    assert len(calls) == 2
+
+
+# ---------------------------------------------------------------------------
+# Queries against real git
+# ---------------------------------------------------------------------------
+
+def test_diff_file_changes_against_git(world):
+    changes = g.diff_file_changes(world.hist, "main", "feature")
+    expected = {g.FileChange("guide/intro.md", "renamed", 0, 0, "docs/guide.md"),
+                g.FileChange("crlf.txt", "modified", 1, 1), g.FileChange("logo.bin", "modified", 0, 0),
+                g.FileChange("gone.txt", "deleted", 0, 1), g.FileChange("copy.txt", "added", 50, 0),
+                g.FileChange("new.txt", "added", 2, 0), *(g.FileChange(n, "modified", 2, 1) for n in NAMES)}
+    assert set(changes) == expected and len(changes) == len(expected)
+    order = git(world.hist, "diff", "--name-only", "-M", "-z", "main...feature").split("\0")[:-1]
+    assert [c.path for c in changes] == order
+    assert g.diff_file_changes(world.hist, "feature", world.c3) == []
+    with pytest.raises(g.GitError) as info:
+        g.diff_file_changes(world.hist, "main", "nope")
+    assert str(info.value) == git_stderr(world.hist, "diff", "--raw", "main...nope") != ""
+
+
+def test_log_commit_changes_against_git(world):
+    early, late = datetime(2000, 1, 1), datetime(2030, 1, 1)
+    head = g.log_commit_changes(world.hist, since=early, ref=None, max_commits=10)
+    assert [c.timestamp for c in head] == [STAMP["c2"], STAMP["c1"]]
+    assert head[0].files == (g.FileChange("a.txt", "modified", 1, 1),)
+    merged = g.log_commit_changes(world.hist, since=early, ref=world.merge, max_commits=10)
+    assert [c.timestamp for c in merged] == [STAMP["merge"], STAMP["c3"], STAMP["c2"], STAMP["c1"]]
+    assert merged[0].files == ()
+    assert g.log_commit_changes(world.hist, since=early, ref=world.merge, max_commits=1) == merged[:1]
+    since_c2 = datetime.fromtimestamp(STAMP["c2"])
+    assert g.log_commit_changes(world.hist, since=since_c2, ref=world.merge, max_commits=10) == merged[:3]
+    assert g.log_commit_changes(world.hist, since=early, ref="feature", max_commits=1) == [
+        g.CommitChanges(STAMP["c3"], tuple(g.diff_file_changes(world.hist, "main", "feature")))]
+    assert g.log_commit_changes(world.hist, since=late, ref=None, max_commits=10) == []
+    with pytest.raises(g.GitError, match="nope"):
+        g.log_commit_changes(world.hist, since=early, ref="nope", max_commits=1)
+
+
+def test_diff_line_spans_against_git(world, module_state):
+    changed = [g.LineSpan(2, 2, False), g.LineSpan(4, 4, True)]
+    expected = {**{n: changed for n in NAMES}, "crlf.txt": [g.LineSpan(2, 2, False)]}
+    assert g.diff_line_spans(world.hist, "main", "feature", merge_base=True) == expected
+    two_dot = g.diff_line_spans(world.hist, "main", "feature", merge_base=False)
+    assert two_dot == {**expected, "a.txt": [g.LineSpan(2, 2, False)]}
+    assert g.diff_line_spans(world.hist, "main", "feature", merge_base=True, diff_filter="A") == {
+        "copy.txt": [g.LineSpan(1, 50, True)], "new.txt": [g.LineSpan(1, 2, True)]}
+    paths = [*reversed(NAMES), "logo.bin", "gone.txt", "guide/intro.md", "crlf.txt", "missing.txt", "*.txt"]
+    real, runs = g.run_git_command, []
+    module_state.run_git_command = lambda root, args: runs.append(args) or real(root, args)
+    module_state._MAX_PATHSPEC_CHARS = 1
+    spans = g.diff_line_spans(world.hist, "main", "feature", merge_base=True, paths=paths)
+    assert len(runs) == len(paths) and spans == expected
+    assert list(spans) == [*reversed(NAMES), "crlf.txt"]
+
+
+def test_commit_resolution_against_git(world):
+    full = git(world.hist, "rev-parse", "HEAD").strip()
+    assert g.get_head_commit(world.hist, short=False) == full == world.c2
+    short = g.get_head_commit(world.hist)
+    assert full.startswith(short) and len(short) < len(full)
+    assert g.get_head_commit(world.empty) is None and g.get_head_commit(world.empty, False) is None
+    assert g.resolve_commit(world.hist, "v1") == world.c1 != git(world.hist, "rev-parse", "v1").strip()
+    tree = git(world.hist, "rev-parse", "main^{tree}").strip()
+    for name in [tree, "main^{tree}", "main:a.txt", "nope", "-h"]:
+        assert g.resolve_commit(world.hist, name) is None
+    assert g.count_commits(world.hist, "main", "feature") == 1
+    assert g.count_commits(world.hist, "feature", world.merge) == 2
+    assert g.count_commits(world.hist, world.merge, "main") == 0
+    with pytest.raises(g.GitError):
+        g.count_commits(world.hist, "nope", "main")
+    at_c2 = datetime.fromtimestamp(STAMP["c2"])
+    assert g.commit_before(world.hist, "main", at_c2) == world.c2
+    # The fraction of a second is dropped, not rounded up to c2's second.
+    assert g.commit_before(world.hist, "main", at_c2 - timedelta(microseconds=1)) == world.c1
+    assert g.commit_before(world.hist, "main", datetime(2000, 1, 1)) is None
+    with pytest.raises(g.GitError) as info:
+        g.commit_before(world.hist, "nope", at_c2)
+    assert str(info.value) == git_stderr(world.hist, "rev-list", "-1", "nope")
+
+
+@pytest.mark.parametrize("where, expected", [
+    ("clone", "main"), ("trunk_clone", "trunk"), ("master_only", "master"), ("both", "main"), ("hist", "main"),
+    ("empty", "main"), ("outside", "main")])
+def test_default_branch(world, where, expected):
+    assert g.get_default_branch(getattr(world, where)) == expected
+
+
+@pytest.mark.parametrize("where, name, expected", [
+    ("hist", "feature", True), ("hist", "v1", True), ("hist", "{c1}", True), ("hist", "{c1}^{{tree}}", True),
+    ("hist", "nope", False), ("hist", "origin/feature", False), ("clone", "feature", True),
+    ("clone", "trunk", True), ("clone", "origin/feature", True), ("clone", "origin/nope", False),
+    ("outside", "main", False)])
+def test_branch_exists(world, where, name, expected):
+    assert g.branch_exists(getattr(world, where), name.format(**vars(world))) is expected
+
+
+AUTHORS = [{"name": "Ada Tester", "email": "ada@example.com", "commits": 2},
+           {"name": "Ada Tester", "email": "ada@work.example", "commits": 1},
+           {"name": "Bob Builder", "email": "bob@example.com", "commits": 1}]
+
+
+def test_authors_of_a_period(world):
+    authors = g.get_authors_for_period(world.authors)
+    assert authors[0] == AUTHORS[0] and sorted(authors, key=str) == sorted(AUTHORS, key=str)
+    assert {a["email"] for a in g.get_authors_for_period(world.authors, "2015-01-01")} == {
+        "old@example.com", *(a["email"] for a in AUTHORS)}
+    assert g.get_authors_for_period(world.authors, "1h") == []
+
+
+@pytest.mark.parametrize("stdin", ["devnull", "closed", "silent pipe"])
+def test_authors_whatever_the_stdin(world, stdin):
+    prog = ("import json, sys\nfrom vantrel_sorlith.utils import git_utils as g\n"
+            "print(json.dumps(g.get_authors_for_period(sys.argv[1])))")
+    cmd = [sys.executable, "-c", prog, str(world.authors)]
+    if stdin == "closed":
+        cmd = ["bash", "-c", 'exec "$@" 0<&-', "bash", *cmd]
+    proc = subprocess.Popen(cmd, stdin=subprocess.PIPE if stdin == "silent pipe" else subprocess.DEVNULL,
+                            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    try:
+        proc.wait(timeout=20)  # a hang guard, not a speed check
+    except subprocess.TimeoutExpired:
+        proc.kill()
+        proc.wait()
+        pytest.fail(f"get_authors_for_period hung with stdin {stdin}")
+    finally:
+        if proc.stdin:
+            proc.stdin.close()
+    out, err = proc.stdout.read(), proc.stderr.read()
+    assert proc.returncode == 0, err
+    authors = json.loads(out)
+    assert authors[0] == AUTHORS[0] and sorted(authors, key=str) == sorted(AUTHORS, key=str)
+
+
+@pytest.mark.parametrize("where", ["empty", "outside"])
+def test_authors_when_git_fails(world, caplog, where):
+    caplog.set_level(logging.DEBUG, logger=LOGGER)
+    assert g.get_authors_for_period(getattr(world, where)) == []
+    records = [r for r in caplog.records if r.name == LOGGER]
+    assert [r.msg for r in records] == ["git command failed: args=%s rc=%s stderr=%s",
+                                        "get_authors_for_period: git shortlog failed rc=%s stderr=%s"]
+    rc, err = records[1].args
+    assert rc != 0 and err == records[0].args[2] and err and err == err.strip()
+
+
+# ---------------------------------------------------------------------------
+# Roots and branch names
+# ---------------------------------------------------------------------------
+
+def test_find_git_root(world, tmp_path, monkeypatch):
+    link = tmp_path / "link"
+    link.symlink_to(world.hist)
+    cases = [(world.hist / "docs", world.hist), (world.hist, world.hist), (world.wt / "docs", world.wt),
+             (link / "docs", link), (Path(f"{world.hist}/docs/.."), Path(f"{world.hist}/docs/..")),
+             (f"{world.hist}//docs/./", world.hist), (world.outside, None), ("a\0b", None), (Path("/x\0y"), None)]
+    for start, expected in cases:
+        found = g.find_git_root(start)
+        assert found == expected and (found is None or type(found) is type(Path())), start
+    assert str(g.find_git_root(Path(f"{world.hist}/docs/.."))).endswith("/docs/..")
+    if not os.path.exists("/.git"):
+        assert g.find_git_root(Path("/")) is None
+    monkeypatch.chdir(world.hist)
+    assert g.find_git_root(Path("docs")) == world.hist and g.find_git_root("docs").is_absolute()
+    assert g.find_git_root() == g.find_repo_root() == world.hist
+    monkeypatch.chdir(world.outside)
+    assert g.find_git_root() is None and g.find_repo_root() == world.outside
+
+
+def test_find_git_root_permission_denied_propagates(tmp_path):
+    if os.geteuid() == 0:
+        pytest.skip("root passes every permission check")
+    locked = tmp_path / "locked"
+    (locked / "sub").mkdir(parents=True)
+    locked.chmod(0o000)
+    try:
+        with pytest.raises(PermissionError):
+            g.find_git_root(locked / "sub")
+    finally:
+        locked.chmod(0o755)
+
+
+@pytest.mark.parametrize("name, expected", [
+    (None, None), ("", None), ("   ", None), ("main", "main"), ("origin/main", "main"), ("refs/heads/main", "main"),
+    ("refs/remotes/origin/main", "main"), ("remotes/origin/main", "main"), ("\t main \u3000", "main"),
+    ("origin/origin/main", "main"), ("origin/refs/heads/x", "x"), ("refs/remotes/upstream/main", "upstream/main"),
+    ("upstream/main", "upstream/main"), ("Origin/main", "Origin/main"), ("origin/", None), ("refs/heads/", None),
+    ("origin/ main", " main"), ("feature/ä b", "feature/ä b")])
+def test_normalize_branch_name(name, expected):
+    assert g.normalize_branch_name(name) == expected
+
+
+@pytest.mark.parametrize("where, expected", [
+    ("hist", "main"), ("wt", None), ("empty", "main"), ("trunk_clone", "main"), ("outside", None)])
+def test_checked_out_branch(world, where, expected):
+    assert g.checked_out_branch is not g.resolve_display_branch
+    root = getattr(world, where)
+    assert g.resolve_display_branch(root) == g.checked_out_branch(root) == expected
+
+
+# ---------------------------------------------------------------------------
+# Time specs
+# ---------------------------------------------------------------------------
+
+@pytest.fixture(params=["Asia/Kolkata", "America/St_Johns"])
+def zone(request, monkeypatch):
+    monkeypatch.setenv("TZ", request.param)
+    time.tzset()
+    yield request.param
+    monkeypatch.undo()
+    time.tzset()
+
+
+@pytest.mark.parametrize("spec, span", [
+    ("7d", timedelta(days=7)), (" 7d\n", timedelta(days=7)), ("007d", timedelta(days=7)),
+    ("\u0667d", timedelta(days=7)), ("30m", timedelta(minutes=30)), ("24h", timedelta(hours=24)),
+    ("2w", timedelta(weeks=2))])
+def test_relative_specs(zone, spec, span):
+    before = datetime.now()
+    result = g.parse_time_spec(spec)
+    after = datetime.now()
+    assert type(result) is datetime and result.tzinfo is None
+    assert before - span <= result <= after - span
+
+
+def local(iso):
+    return datetime.fromisoformat(iso).astimezone().replace(tzinfo=None)
+
+
+@pytest.mark.parametrize("spec, expected", [
+    ("2026-09-01", datetime(2026, 9, 1)), ("20260901", datetime(2026, 9, 1)),
+    ("2026-09-01 10:30:15.1234567", datetime(2026, 9, 1, 10, 30, 15, 123456)),
+    ("2026-W01-3", datetime(2025, 12, 31)), ("20260901T1030", datetime(2026, 9, 1, 10, 30)),
+    ("2026-09-01T10:30:15Z", "2026-09-01T10:30:15+00:00"), ("2026-09-01T10:30:15+02:30", "2026-09-01T10:30:15+02:30"),
+    ("2026-01-15T23:59:59-05:00", "2026-01-15T23:59:59-05:00"), ("2026-09-01T10:30:15,5-0130", "2026-09-01T10:30:15.5-01:30")])
+def test_iso_specs(zone, spec, expected):
+    result = g.parse_time_spec(spec)
+    assert type(result) is datetime and result.tzinfo is None
+    assert result == (local(expected) if isinstance(expected, str) else expected)
+
+
+def test_zone_designator_converts_to_local_wall_clock(zone):
+    expected = {"Asia/Kolkata": datetime(2026, 9, 1, 16, 0, 15), "America/St_Johns": datetime(2026, 9, 1, 8, 0, 15)}
+    assert g.parse_time_spec("2026-09-01T10:30:15Z") == expected[zone]
+
+
+@pytest.mark.parametrize("spec, quoted", [
+    ("0d", "'0d'"), ("000h", "'000h'"), (" 0d ", "' 0d '"), ("", "''"), ("   ", "'   '"), ("7D", "'7D'"),
+    ("7 d", "'7 d'"), ("+7d", "'+7d'"), ("-7d", "'-7d'"), ("1.5h", "'1.5h'"), ("7dd", "'7dd'"), ("7", "'7'"),
+    ("2026-02-30", "'2026-02-30'"), ("2026-09", "'2026-09'"), ("2026-09-01Z", "'2026-09-01Z'"),
+    ("2026-09-01T10:00z", "'2026-09-01T10:00z'"), ("it's", '"it\'s"'), ("x\ty", "'x\\ty'"),
+    ("a'b\"c", "'a\\'b\"c'"), ("\u200b7d\xa0", "'\\u200b7d\\xa0'"), ("back\\slash", "'back\\\\slash'")])
+def test_invalid_specs(zone, spec, quoted):
+    with pytest.raises(ValueError) as info:
+        g.parse_time_spec(spec)
+    assert str(info.value) == "since must be " + g.TIME_SPEC_FORMS + "; got " + quoted
+
+
+@pytest.mark.parametrize("spec", ["800000w", "1000000000d", "9" * 30 + "m", "0001-01-01T00:00:00+01:00",
+                                  "9999-12-31T23:59:59-01:00"])
+def test_specs_outside_the_calendar(zone, spec):
+    with pytest.raises(ValueError) as info:
+        g.parse_time_spec(spec)
+    assert str(info.value) == f"since {spec!r} reaches outside the calendar"
+    assert info.value.__cause__ is not None
