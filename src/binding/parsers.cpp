@@ -2,6 +2,7 @@
 // (without the interpreter lock for large inputs); records are built here,
 // reading the status table, the record classes and the helper functions from
 // the namespace at each call.
+#include <climits>
 #include <cstdint>
 #include <unordered_map>
 
@@ -164,15 +165,19 @@ Ref commit_changes_through_host(const Call& call, PyObject* output) {
         check(PyList_Append(commits.get(), record.get()));
     };
     Py_ssize_t n = PyList_GET_SIZE(tokens.get());
-    std::string scratch;
+    std::string scratch, start_scratch;
+    std::string_view start = utf8_view(call.lookup(_COMMIT_START), start_scratch);
     for (Py_ssize_t i = 0; i < n; ++i) {
         PyObject* token = PyList_GET_ITEM(tokens.get(), i);
         std::string_view t = utf8_view(token, scratch);
         std::size_t lf = t.find_first_not_of('\n');
-        bool header = lf != std::string_view::npos && t[lf] == '\x1e';
+        std::string_view rest = lf == std::string_view::npos ? std::string_view() : t.substr(lf);
+        bool header = rest.substr(0, start.size()) == start;
         if (header) {
             if (stamp) close();
-            stamp = str_from_utf8(strip(t.substr(lf + 1)));
+            std::size_t first = 0;
+            if (!rest.empty()) next_char(rest, first);  // the opening character is dropped
+            stamp = str_from_utf8(strip(rest.substr(first)));
             body = check(PyList_New(0));
         } else if (stamp) {
             check(PyList_Append(body.get(), token));
@@ -329,13 +334,13 @@ Ref impl_line_count(const Call&, PyObject* const* a) {
 
 Ref impl_parse_commit_changes(const Call& call, PyObject* const* a) {
     require_str(a[0], "parse_commit_changes", "output");
-    if (!call.is_own(_file_changes)) return commit_changes_through_host(call, a[0]);
+    if (!call.is_own(_file_changes) || !call.is_own(_COMMIT_START)) return commit_changes_through_host(call, a[0]);
     std::string scratch;
     return commit_changes_of_text(call, utf8_view(a[0], scratch));
 }
 
 Ref commit_changes_from_output(const Call& call, std::string_view output) {
-    if (!call.is_own(parse_commit_changes) || !call.is_own(_file_changes)) {
+    if (!call.is_own(parse_commit_changes) || !call.is_own(_file_changes) || !call.is_own(_COMMIT_START)) {
         Ref text = str_from_utf8(output);
         if (!call.is_own(parse_commit_changes))
             return check(PyObject_CallOneArg(call.lookup(parse_commit_changes), text.get()));
@@ -372,7 +377,73 @@ Ref commit_changes_of_text(const Call& call, std::string_view text) {
     return list;
 }
 
+namespace {
+// Reads a group of a hunk-header match as int(), or `absent` when unmatched.
+Ref match_number(PyObject* m, int group, long absent) {
+    Ref g = check(PyObject_CallMethod(m, "group", "i", group));
+    if (g.get() == Py_None) return check(PyLong_FromLong(absent));
+    return check(PyLong_FromUnicodeObject(g.get(), 10));
+}
+
+long long clamp(PyObject* n) {
+    int overflow = 0;
+    long long v = PyLong_AsLongLongAndOverflow(n, &overflow);
+    if (v == -1 && PyErr_Occurred()) throw PyErrSet{};
+    return overflow > 0 ? LLONG_MAX : overflow < 0 ? LLONG_MIN : v;
+}
+
+// The patch read line by line with the hunk-header pattern the namespace
+// holds now (the host replaced it).
+Ref line_spans_through_namespace(const Call& call, std::string_view text) {
+    PyObject* pattern = call.lookup(_HUNK_HEADER);
+    Ref result = check(PyDict_New());
+    Ref path = Ref::borrow(Py_None);
+    long long old_left = 0, new_left = 0;
+    std::size_t pos = 0;
+    for (;;) {
+        std::size_t end = text.find('\n', pos);
+        std::string_view line = text.substr(pos, end == std::string_view::npos ? std::string_view::npos : end - pos);
+        if (old_left > 0 || new_left > 0) {
+            char c = line.empty() ? '\0' : line[0];
+            if (c == '-') --old_left;
+            else if (c == '+') --new_left;
+            else if (c == ' ') --old_left, --new_left;
+        } else if (line.substr(0, 4) == "+++ ") {
+            Ref rest = str_from_utf8(line.substr(4));
+            path = call.is_own(_patch_path) ? patch_path_of(call, rest.get())
+                                            : check(PyObject_CallOneArg(call.lookup(_patch_path), rest.get()));
+        } else {
+            Ref line_obj = str_from_utf8(line);
+            Ref m = check(PyObject_CallMethod(pattern, "match", "O", line_obj.get()));
+            if (m.get() != Py_None) {
+                Ref old_count = match_number(m.get(), 1, 1), start = match_number(m.get(), 2, 1),
+                    new_count = match_number(m.get(), 3, 1);
+                old_left = clamp(old_count.get());
+                new_left = clamp(new_count.get());
+                if (path.get() != Py_None) {
+                    Ref span = call.is_own(_span) ? span_of_objects(call, start.get(), new_count.get(), old_count.get())
+                                                  : check(PyObject_CallFunctionObjArgs(call.lookup(_span), start.get(),
+                                                                                       new_count.get(), old_count.get(), nullptr));
+                    PyObject* list = PyDict_GetItemWithError(result.get(), path.get());
+                    if (!list) {
+                        if (PyErr_Occurred()) throw PyErrSet{};
+                        Ref fresh = check(PyList_New(0));
+                        check(PyDict_SetItem(result.get(), path.get(), fresh.get()));
+                        list = fresh.get();
+                    }
+                    check(PyList_Append(list, span.get()));
+                }
+            }
+        }
+        if (end == std::string_view::npos) break;
+        pos = end + 1;
+    }
+    return result;
+}
+}  // namespace
+
 Ref line_spans_of_text(const Call& call, std::string_view text) {
+    if (!call.is_own(_HUNK_HEADER)) return line_spans_through_namespace(call, text);
     PatchScan patch;
     scan(text.size() >= kReleaseThreshold, [&] { patch = scan_patch(text); });
     const bool own_span = call.is_own(_span);
