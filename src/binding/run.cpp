@@ -1,7 +1,12 @@
 // `run_git_command` and `_git_output`: the host's process options, the native
 // run with the interpreter lock released, the host's `subprocess.run` for
 // options the native path does not take, and the runner's log messages.
+#include <fcntl.h>
+#include <stdlib.h>
+#include <unistd.h>
+
 #include <array>
+#include <optional>
 #include <cstring>
 
 #include "common.hpp"
@@ -66,10 +71,34 @@ std::vector<std::string> environment(PyObject* env) {
     return out;
 }
 
+// A pseudo-terminal for git's stdin on the subprocess route, at end of file
+// from the start (as the native runner gives it).
+struct Terminal {
+    int master = -1, slave = -1;
+    Terminal() {
+        master = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+        char name[128];
+        if (master < 0 || ::grantpt(master) != 0 || ::unlockpt(master) != 0 || ::ptsname_r(master, name, sizeof name) != 0 ||
+            (slave = ::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC)) < 0) {
+            PyErr_SetFromErrno(PyExc_OSError);
+            close_all();
+            throw PyErrSet{};
+        }
+        const char eof = 0x04;
+        (void)!::write(master, &eof, 1);
+    }
+    ~Terminal() { close_all(); }
+    void close_all() {
+        if (slave >= 0) ::close(slave);
+        if (master >= 0) ::close(master);
+        slave = master = -1;
+    }
+};
+
 // The run through the host's `subprocess.run`, for host options that only it
 // knows how to apply.
 NativeRun run_with_subprocess(const Call& call, PyObject* repo_root, PyObject* seq, PyObject* timeout,
-                              PyObject* options) {
+                              PyObject* options, StdinMode stdin_mode) {
     PyObject* sp = call.lookup(subprocess);
     Ref cmd = check(PyList_New(0));
     Ref git = check(PyUnicode_FromString("git"));
@@ -80,6 +109,17 @@ NativeRun run_with_subprocess(const Call& call, PyObject* repo_root, PyObject* s
     Ref kwargs = check(Py_BuildValue("{s:O,s:O,s:s,s:s,s:O}", "cwd", cwd.get(), "capture_output", Py_True, "encoding",
                                      "utf-8", "errors", "replace", "timeout", timeout));
     check(PyDict_Update(kwargs.get(), options));
+    std::optional<Terminal> terminal;
+    if (stdin_mode != StdinMode::Inherit && !PyDict_GetItemString(kwargs.get(), "stdin")) {
+        Ref fd;
+        if (stdin_mode == StdinMode::Terminal) {
+            terminal.emplace();
+            fd = check(PyLong_FromLong(terminal->slave));
+        } else {
+            fd = check(PyObject_GetAttrString(sp, "DEVNULL"));
+        }
+        check(PyDict_SetItemString(kwargs.get(), "stdin", fd.get()));
+    }
     Ref run = check(PyObject_GetAttrString(sp, "run"));
     Ref pargs = check(PyTuple_Pack(1, cmd.get()));
     PyObject* result = PyObject_Call(run.get(), pargs.get(), kwargs.get());
@@ -183,7 +223,7 @@ NativeRun run_native(const Call& call, PyObject* repo_root, PyObject* args, PyOb
     HostOptions host = read_host_options(call);
     NativeRun run{RunStatus::Exited, {}, {}, 0};
     if (host.use_subprocess || call.lookup(subprocess) != call.st->own[subprocess]) {
-        run = run_with_subprocess(call, repo_root, seq.get(), timeout, host.mapping.get());
+        run = run_with_subprocess(call, repo_root, seq.get(), timeout, host.mapping.get(), stdin_mode);
     } else {
         std::string cwd = repo_root_text(repo_root);
         std::vector<std::string> argv;
