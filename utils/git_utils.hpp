@@ -302,6 +302,8 @@ Moment local_now();
 // a zone are converted with the system's zone rules in force at the call.
 Moment parse_time_spec(std::string_view since, const Moment& now);
 Moment parse_time_spec(std::string_view since);
+// Only the ISO reading (for callers that read the relative form themselves).
+Moment parse_iso_time_spec(std::string_view since);
 
 // ---------------------------------------------------------------------------
 // Repository location and branches

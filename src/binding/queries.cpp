@@ -90,22 +90,83 @@ Ref path_object(const Call& call, const std::string& fs_path) {
     return check(PyObject_CallOneArg(call.lookup(Path), text.get()));
 }
 
-Ref parse_time_spec_native(const Call& call, PyObject* since) {
-    std::string text = text_of(since, "parse_time_spec", "since");
-    Moment m;
+// The ValueError for a malformed spec, worded with the namespace's
+// TIME_SPEC_FORMS and Python's repr() of what was passed.
+[[noreturn]] void raise_time_spec_error(const Call& call, PyObject* since, bool out_of_calendar, PyObject* cause) {
+    Ref quoted = check(PyObject_Repr(since));
+    Ref message = out_of_calendar
+                      ? check(PyUnicode_FromFormat("since %U reaches outside the calendar", quoted.get()))
+                      : check(PyUnicode_FromFormat("since must be %S; got %U", call.lookup(TIME_SPEC_FORMS), quoted.get()));
+    Ref error = check(PyObject_CallOneArg(PyExc_ValueError, message.get()));
+    if (cause) PyException_SetCause(error.get(), Py_NewRef(cause));
+    PyErr_SetObject(PyExc_ValueError, error.get());
+    throw PyErrSet{};
+}
+
+Moment core_time_spec(const Call& call, PyObject* since, bool iso_only) {
+    std::string text = utf8_of(since);
     try {
-        m = git_utils::parse_time_spec(text);
+        return iso_only ? git_utils::parse_iso_time_spec(text) : git_utils::parse_time_spec(text);
     } catch (const TimeSpecError& e) {
-        Ref message = str_from_utf8(e.what());
-        Ref error = check(PyObject_CallOneArg(PyExc_ValueError, message.get()));
-        if (e.out_of_calendar()) {
-            // The range failure underneath becomes the error's cause.
-            Ref cause = check(PyObject_CallFunction(PyExc_OverflowError, "s", "date value out of range"));
-            PyException_SetCause(error.get(), cause.release());
-        }
-        PyErr_SetObject(PyExc_ValueError, error.get());
-        throw PyErrSet{};
+        Ref cause;
+        // The range failure underneath becomes the error's cause.
+        if (e.out_of_calendar()) cause = check(PyObject_CallFunction(PyExc_OverflowError, "s", "date value out of range"));
+        raise_time_spec_error(call, since, e.out_of_calendar(), cause.get());
     }
+}
+
+// Whether `_SPEC_UNITS` is the module's own table, unedited.
+bool own_units(const Call& call) {
+    if (!call.is_own(_SPEC_UNITS)) return false;
+    PyObject* table = call.st->own[_SPEC_UNITS];
+    static const char* const kPairs[][2] = {{"m", "minutes"}, {"h", "hours"}, {"d", "days"}, {"w", "weeks"}};
+    if (PyDict_GET_SIZE(table) != 4) return false;
+    for (const auto& pair : kPairs) {
+        PyObject* v = PyDict_GetItemString(table, pair[0]);
+        if (!v || !PyUnicode_Check(v) || PyUnicode_CompareWithASCIIString(v, pair[1]) != 0) return false;
+    }
+    return true;
+}
+
+// The relative form read with the namespace's pattern and unit table (the
+// host replaced or edited them): now - timedelta(**{unit: amount}).
+Ref relative_through_namespace(const Call& call, PyObject* since) {
+    Ref spec = strip_str(since);
+    Ref m = check(PyObject_CallMethod(call.lookup(_RELATIVE_SPEC), "fullmatch", "O", spec.get()));
+    if (m.get() == Py_None) return Ref();
+    Ref digits = check(PyObject_CallMethod(m.get(), "group", "i", 1));
+    Ref letter = check(PyObject_CallMethod(m.get(), "group", "i", 2));
+    Ref amount = check(PyLong_FromUnicodeObject(digits.get(), 10));
+    Ref zero = check(PyLong_FromLong(0));
+    int positive = PyObject_RichCompareBool(amount.get(), zero.get(), Py_GT);
+    check(positive);
+    if (!positive) raise_time_spec_error(call, since, false, nullptr);
+    Ref unit = check(PyObject_GetItem(call.lookup(_SPEC_UNITS), letter.get()));
+    Ref kwargs = check(PyDict_New());
+    check(PyDict_SetItem(kwargs.get(), unit.get(), amount.get()));
+    Ref now = check(PyObject_CallMethod(call.lookup(datetime), "now", nullptr));
+    PyObject* span = PyObject_Call(call.lookup(timedelta), call.st->empty_tuple, kwargs.get());
+    PyObject* result = span ? PyNumber_Subtract(now.get(), span) : nullptr;
+    Py_XDECREF(span);
+    if (result) return Ref(result);
+    if (!PyErr_ExceptionMatches(PyExc_OverflowError)) throw PyErrSet{};
+    PyObject *type, *value, *tb;
+    PyErr_Fetch(&type, &value, &tb);
+    PyErr_NormalizeException(&type, &value, &tb);
+    Ref cause(value);
+    Py_XDECREF(type);
+    Py_XDECREF(tb);
+    raise_time_spec_error(call, since, true, cause.get());
+}
+
+Ref parse_time_spec_native(const Call& call, PyObject* since) {
+    require_str(since, "parse_time_spec", "since");
+    bool iso_only = false;
+    if (!call.is_own(_RELATIVE_SPEC) || !own_units(call)) {
+        if (Ref relative = relative_through_namespace(call, since)) return relative;
+        iso_only = true;
+    }
+    Moment m = core_time_spec(call, since, iso_only);
     return check(PyObject_CallFunction(call.st->datetime_type, "iiiiiii", m.year, m.month, m.day, m.hour, m.minute,
                                        m.second, m.microsecond));
 }

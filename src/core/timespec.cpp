@@ -344,6 +344,8 @@ std::int64_t local_offset_at(std::int64_t unix_seconds) {
     return 0;
 }
 
+Moment parse_iso_spec(std::string_view since, std::string_view spec);
+
 Moment parse_spec(std::string_view since, const Moment* now) {
     const std::string_view spec = strip(since);
     if (const auto rel = match_relative(spec)) {
@@ -355,6 +357,10 @@ Moment parse_spec(std::string_view since, const Moment* now) {
             throw_outside_calendar(since);
         return from_micros(start - static_cast<std::int64_t>(span));
     }
+    return parse_iso_spec(since, spec);
+}
+
+Moment parse_iso_spec(std::string_view since, std::string_view spec) {
     const auto iso = spec.empty() ? std::nullopt : parse_iso(spec);
     if (!iso) throw_invalid(since);
     if (!iso->offset) return from_micros(iso->wall_micros);
@@ -399,5 +405,7 @@ Moment parse_time_spec(std::string_view since, const Moment& now) { return parse
 
 // The clock is read only for a relative spec.
 Moment parse_time_spec(std::string_view since) { return parse_spec(since, nullptr); }
+
+Moment parse_iso_time_spec(std::string_view since) { return parse_iso_spec(since, strip(since)); }
 
 }  // namespace git_utils

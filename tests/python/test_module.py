@@ -214,3 +214,18 @@ def test_missing_host_service_fails_the_import(setup):
             print("ImportError", e)
         """)
     assert done.stdout.startswith("ImportError"), done.stderr
+
+
+def test_time_spec_constants_are_read_at_each_call(module_state):
+    import datetime
+
+    module_state._SPEC_UNITS["d"] = "weeks"
+    assert abs(g.parse_time_spec("1d") - (datetime.datetime.now() - datetime.timedelta(weeks=1))).total_seconds() < 5
+    module_state._SPEC_UNITS["d"] = "days"
+    module_state._RELATIVE_SPEC = re.compile(r"(\d+)(x)")
+    module_state._SPEC_UNITS["x"] = "hours"
+    assert abs(g.parse_time_spec("2x") - (datetime.datetime.now() - datetime.timedelta(hours=2))).total_seconds() < 5
+    module_state.TIME_SPEC_FORMS = "one of the usual forms"
+    with pytest.raises(ValueError, match=r"^since must be one of the usual forms; got '1d'$"):
+        g.parse_time_spec("1d")
+    del module_state._SPEC_UNITS["x"]
