@@ -56,8 +56,11 @@ private:
 // Builds the Python values of one call.
 class Builder {
 public:
-    explicit Builder(const Call& call)
+    // `share_paths`: one str per distinct path (a log names the same files
+    // again and again; in one diff every path is new, so it would only cost).
+    explicit Builder(const Call& call, bool share_paths = false)
         : call_(call),
+          share_paths_(share_paths),
           file_change_(call.lookup(FileChange)),
           status_table_(call.lookup(_STATUS_BY_LETTER)),
           modified_(check(PyUnicode_InternFromString("modified"))) {}
@@ -68,6 +71,7 @@ public:
     }
 
     Ref text(std::string_view s) {
+        if (!share_paths_) return str_from_utf8(s);
         auto it = paths_.find(s);
         if (it != paths_.end()) return Ref::borrow(it->second);
         Ref o = str_from_utf8(s);
@@ -120,6 +124,7 @@ public:
 
 private:
     const Call& call_;
+    bool share_paths_;
     PyObject* file_change_;
     PyObject* status_table_;
     Ref modified_;
@@ -370,7 +375,7 @@ Ref commit_changes_of_text(const Call& call, std::string_view text) {
     std::vector<CommitView> commits;
     scan(two_path.native && text.size() >= kReleaseThreshold,
          [&] { commits = commit_change_views(text, predicate); });
-    Builder builder(call);
+    Builder builder(call, /*share_paths=*/true);
     GcPause pause;
     PyObject* commit_cls = call.lookup(CommitChanges);
     Ref list = check(PyList_New(0));
