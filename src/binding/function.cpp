@@ -267,6 +267,10 @@ int set_signature(PyObject* self, PyObject* value, void*) {
     return 0;
 }
 
+// Looked up on a class, the function stays unbound, as a builtin does; having
+// __get__ makes inspect treat it as a routine (isroutine, method descriptor).
+PyObject* function_descr_get(PyObject* self, PyObject*, PyObject*) { return Py_NewRef(self); }
+
 PyObject* function_repr(PyObject* self) {
     auto* f = reinterpret_cast<FunctionObject*>(self);
     return PyUnicode_FromFormat("<function %U at %p>", f->qualname, self);
@@ -341,6 +345,7 @@ PyType_Slot function_slots[] = {
     {Py_tp_clear, reinterpret_cast<void*>(function_clear)},
     {Py_tp_call, reinterpret_cast<void*>(PyVectorcall_Call)},
     {Py_tp_repr, reinterpret_cast<void*>(function_repr)},
+    {Py_tp_descr_get, reinterpret_cast<void*>(function_descr_get)},
     {Py_tp_members, function_members},
     {Py_tp_getset, function_getset},
     {Py_tp_methods, function_methods},
