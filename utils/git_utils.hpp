@@ -86,6 +86,10 @@ std::string_view strip(std::string_view text);
 // Value 0..9 of a Unicode decimal digit (general category Nd), or -1.
 int decimal_digit_value(char32_t c);
 
+// The value of the Unicode decimal digit at `pos` of `text` (pos < size),
+// advancing past it; -1 without advancing when there is none.
+int read_decimal_digit(std::string_view text, std::size_t& pos);
+
 // Whether Python's str.isprintable() holds for the character.
 bool is_printable(char32_t c);
 

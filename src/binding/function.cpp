@@ -371,6 +371,10 @@ PyTypeObject* make_function_type(PyObject* module) {
 
 Ref make_function(PyObject* module, const FunctionDef& def) {
     State* st = state_of(module);
+    if (def.params.size() > kMaxParams) {  // the call path parses into a fixed array
+        PyErr_SetString(PyExc_SystemError, "git_utils: too many parameters in a function definition");
+        throw PyErrSet{};
+    }
     PyObject* ns = PyModule_GetDict(module);
     auto* f = PyObject_GC_New(FunctionObject, st->function_type);
     if (!f) throw PyErrSet{};

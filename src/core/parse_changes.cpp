@@ -23,27 +23,6 @@ constexpr std::size_t kNone = static_cast<std::size_t>(-1);
 constexpr char kCommitStart = '\x1e';
 constexpr std::uint64_t kInt64Max = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
 
-// Length in bytes of the UTF-8 sequence that encodes `c`.
-inline std::size_t utf8_length(char32_t c) { return c < 0x80 ? 1 : c < 0x800 ? 2 : c < 0x10000 ? 3 : 4; }
-
-// The value of the decimal digit (any Unicode Nd digit) at `pos`, advancing
-// past it; -1 without advancing when there is none. Only the shortest UTF-8
-// form counts, so stray bytes of arbitrary input never pass for a digit.
-inline int read_digit(std::string_view text, std::size_t& pos) {
-    unsigned char b = static_cast<unsigned char>(text[pos]);
-    if (b >= '0' && b <= '9') {
-        ++pos;
-        return b - '0';
-    }
-    if (b < 0xC2 || b > 0xF4) return -1;
-    std::size_t next = pos;
-    char32_t c = next_char(text, next);
-    if (next - pos != utf8_length(c)) return -1;
-    int value = decimal_digit_value(c);
-    if (value >= 0) pos = next;
-    return value;
-}
-
 // Adds one digit to a magnitude; false once it passes `limit` (the magnitude
 // then stays above the limit).
 inline bool accumulate(std::uint64_t& magnitude, int digit, std::uint64_t limit) {
@@ -78,7 +57,7 @@ Decimal read_timestamp(std::string_view stamp, bool& valid) {
             ++pos;
             if (pos >= stamp.size()) return d;  // trailing underscore
         }
-        int digit = read_digit(stamp, pos);
+        int digit = read_decimal_digit(stamp, pos);
         if (digit < 0) return d;  // not a digit (also a second underscore)
         any = true;
         fits = accumulate(magnitude, digit, limit) && fits;
@@ -280,7 +259,7 @@ std::uint64_t count_value(const Decimal& d) {
     std::uint64_t value = 0;
     std::size_t pos = 0;
     while (pos < d.text.size()) {
-        int digit = read_digit(d.text, pos);
+        int digit = read_decimal_digit(d.text, pos);
         if (digit < 0) break;
         if (!accumulate(value, digit, kMax - 1)) return kMax;
     }
@@ -325,7 +304,7 @@ Decimal line_count(std::string_view field) {
     bool fits = true;
     std::size_t pos = 0;
     while (pos < field.size()) {
-        int digit = read_digit(field, pos);
+        int digit = read_decimal_digit(field, pos);
         if (digit < 0) return Decimal{};
         fits = accumulate(magnitude, digit, kInt64Max) && fits;
     }

@@ -18,26 +18,6 @@ namespace {
 constexpr std::int64_t kInt64Max = std::numeric_limits<std::int64_t>::max();
 constexpr std::int64_t kInt64Min = std::numeric_limits<std::int64_t>::min();
 
-inline std::size_t utf8_length(char32_t c) { return c < 0x80 ? 1 : c < 0x800 ? 2 : c < 0x10000 ? 3 : 4; }
-
-// The value of the decimal digit (any Unicode Nd digit) at `pos`, advancing
-// past it; -1 without advancing when there is none. Only the shortest UTF-8
-// form counts, so stray bytes of arbitrary input never pass for a digit.
-inline int read_digit(std::string_view text, std::size_t& pos) {
-    unsigned char b = static_cast<unsigned char>(text[pos]);
-    if (b >= '0' && b <= '9') {
-        ++pos;
-        return b - '0';
-    }
-    if (b < 0xC2 || b > 0xF4) return -1;
-    std::size_t next = pos;
-    char32_t c = next_char(text, next);
-    if (next - pos != utf8_length(c)) return -1;
-    int value = decimal_digit_value(c);
-    if (value >= 0) pos = next;
-    return value;
-}
-
 // Reads one or more digits at `pos` into `d`; false when there is none.
 // Values beyond int64 leave `fits` false; `text` stays exact.
 bool read_number(std::string_view line, std::size_t& pos, Decimal& d) {
@@ -45,7 +25,7 @@ bool read_number(std::string_view line, std::size_t& pos, Decimal& d) {
     std::uint64_t value = 0;
     bool fits = true;
     while (pos < line.size()) {
-        int digit = read_digit(line, pos);
+        int digit = read_decimal_digit(line, pos);
         if (digit < 0) break;
         if (fits && value <= (static_cast<std::uint64_t>(kInt64Max) - digit) / 10)
             value = value * 10 + digit;

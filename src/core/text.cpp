@@ -187,6 +187,23 @@ char32_t next_char(std::string_view text, std::size_t& pos) {
     return c;
 }
 
+int read_decimal_digit(std::string_view text, std::size_t& pos) {
+    unsigned char b = static_cast<unsigned char>(text[pos]);
+    if (b >= '0' && b <= '9') {
+        ++pos;
+        return b - '0';
+    }
+    if (b < 0xC2 || b > 0xF4) return -1;
+    std::size_t next = pos;
+    char32_t c = next_char(text, next);
+    // Only the shortest UTF-8 form counts, so stray bytes never pass for a digit.
+    std::size_t shortest = c < 0x80 ? 1 : c < 0x800 ? 2 : c < 0x10000 ? 3 : 4;
+    if (next - pos != shortest) return -1;
+    int value = decimal_digit_value(c);
+    if (value >= 0) pos = next;
+    return value;
+}
+
 namespace {
 // Length in bytes of the white space at the start of `text`.
 std::size_t leading_space(std::string_view text) {
