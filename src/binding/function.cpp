@@ -1,13 +1,13 @@
 // The function objects of the bound operations: vectorcall with exact
 // parameter handling, and the introspection a Python function offers
 // (__signature__, __annotations__, __defaults__, __name__, __doc__, ...).
+#include "common.hpp"  // Python.h first, as structmember.h needs it
+
 #include <structmember.h>
 
 #include <cctype>
 #include <cstring>
 #include <new>
-
-#include "common.hpp"
 
 namespace git_utils::binding {
 namespace {

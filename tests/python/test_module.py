@@ -72,15 +72,34 @@ def test_imports_logger_and_error_class():
     assert g.__doc__.startswith("Git utilities for parsing git log, diff, and related commands.")
 
 
-def test_namespace_follows_load_order():
-    names = [n for n in vars(g) if not n.startswith("__")]
-    head = ["logging", "re", "subprocess", "Sequence", "dataclass", "datetime", "timedelta", "Path", "Any",
-            "best_effort", "get_subprocess_hidden_kwargs", "logger", "TIME_SPEC_FORMS", "_RELATIVE_SPEC",
-            "_SPEC_UNITS", "_STATUS_BY_LETTER", "_TWO_PATH_LETTERS", "_COMMIT_START", "_PATCH_OPTIONS",
-            "_HUNK_HEADER", "_C_ESCAPE", "_C_ESCAPES", "GitError", "FileChange", "CommitChanges", "LineSpan"]
-    assert names[: len(head)] == head
-    assert names.index("run_git_command") < names.index("_MAX_PATHSPEC_CHARS") < names.index("_git_output")
-    assert names[-1] == "_git_output"
+LOAD_ORDER = [
+    "logging", "re", "subprocess", "Sequence", "dataclass", "datetime", "timedelta", "Path", "Any", "best_effort",
+    "get_subprocess_hidden_kwargs", "logger", "TIME_SPEC_FORMS", "_RELATIVE_SPEC", "_SPEC_UNITS",
+    "_STATUS_BY_LETTER", "_TWO_PATH_LETTERS", "_COMMIT_START", "_PATCH_OPTIONS", "_HUNK_HEADER", "_C_ESCAPE",
+    "_C_ESCAPES", "GitError", "FileChange", "CommitChanges", "LineSpan", "find_git_root", "find_repo_root",
+    "resolve_display_branch", "checked_out_branch", "normalize_branch_name", "parse_time_spec", "run_git_command",
+    "get_head_commit", "get_default_branch", "branch_exists", "get_authors_for_period", "_MAX_PATHSPEC_CHARS",
+    "resolve_commit", "count_commits", "commit_before", "diff_file_changes", "log_commit_changes", "diff_line_spans",
+    "parse_file_changes", "parse_commit_changes", "parse_line_spans", "_span", "_file_changes", "_line_count",
+    "_patch_path", "_unquote", "_path_batches", "_git_output",
+]
+
+
+def test_namespace_holds_every_name_in_load_order():
+    assert [n for n in vars(g) if not n.startswith("__")] == LOAD_ORDER
+    assert not hasattr(g, "__all__")
+
+
+def test_every_operation_is_documented_and_introspectable():
+    for name in LOAD_ORDER[LOAD_ORDER.index("find_git_root"):]:
+        f = getattr(g, name)
+        if not callable(f) or name == "checked_out_branch":
+            continue
+        sig = inspect.signature(f)
+        assert f.__doc__ and f.__name__ == name and f.__module__ == g.__name__, name
+        assert set(f.__annotations__) == set(sig.parameters) | {"return"}, name
+    assert g.checked_out_branch is not g.resolve_display_branch
+    assert g.checked_out_branch.__wrapped__ is g.resolve_display_branch
 
 
 @pytest.mark.parametrize(
@@ -121,12 +140,14 @@ def test_record_details():
 
 
 def test_function_objects_look_like_python_functions():
+    def same(repo_root: Path, args: list[str], timeout: int = 30) -> tuple[str, str, int]: ...
+
     f = g.run_git_command
-    assert str(inspect.signature(f)) == "(repo_root: pathlib.Path, args: list[str], timeout: int = 30) -> tuple[str, str, int]"
+    assert str(inspect.signature(f)) == str(inspect.signature(same))
     assert f.__annotations__ == {"repo_root": Path, "args": list[str], "timeout": int, "return": tuple[str, str, int]}
     assert (f.__name__, f.__qualname__, f.__module__) == ("run_git_command", "run_git_command", g.__name__)
     assert f.__defaults__ == (30,) and f.__kwdefaults__ is None and f.__doc__
-    assert str(inspect.signature(g._git_output)) == "(repo_root: pathlib.Path, args: list[str]) -> str"
+    assert inspect.signature(g._git_output).parameters["repo_root"].annotation is Path
 
     @functools.wraps(f)
     def wrapper(*args, **kwargs):
