@@ -28,10 +28,4 @@ void check(std::string_view output) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    std::string text(reinterpret_cast<const char*>(data), size);
-    check(text);
-    git_utils::decode_git_text(text);
-    check(text);
-    return 0;
-}
+#include "fuzz_entry.hpp"
