@@ -462,7 +462,7 @@ def branch_exists(repo_root: Path, branch: str) -> bool:
 
 
 # ---------------------------------------------------------------------------
-# Time specs and authors
+# Period starts and authors
 # ---------------------------------------------------------------------------
 
 TIME_SPEC_FORMS = (

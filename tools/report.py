@@ -1,6 +1,6 @@
 """A report on a git repository, as the host application shows it.
 
-    scripts/report [PATH] [--since SPEC] [--commits N] [--json]
+    scripts/report [PATH] [--since WHEN] [--commits N] [--json]
 
 Root, current and default branch, HEAD, commits ahead of the default branch,
 files changed since leaving it (kinds, line counts, changed-line spans),

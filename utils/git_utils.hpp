@@ -272,7 +272,7 @@ std::vector<CommitChanges> parse_commit_changes(std::string_view output);  // th
 LineSpansByPath parse_line_spans(std::string_view patch);                  // throws OctalEscapeError
 
 // ---------------------------------------------------------------------------
-// Time specs
+// Period starts (`since` values)
 // ---------------------------------------------------------------------------
 
 inline constexpr std::string_view TIME_SPEC_FORMS =
@@ -288,7 +288,7 @@ struct Moment {
 // "%Y-%m-%d %H:%M:%S", the fraction dropped.
 std::string format_moment(const Moment& m);
 
-// The malformed-spec error. `out_of_calendar` tells the two messages apart.
+// The error for a malformed since value. `out_of_calendar` tells the two messages apart.
 class TimeSpecError : public std::invalid_argument {
 public:
     TimeSpecError(const std::string& message, bool out_of_calendar)
@@ -302,7 +302,7 @@ private:
 // Reads the current local time from the system clock.
 Moment local_now();
 
-// `parse_time_spec`: relative specs count back from `now`; ISO instants with
+// `parse_time_spec`: relative forms count back from `now`; ISO instants with
 // a zone are converted with the system's zone rules in force at the call.
 Moment parse_time_spec(std::string_view since, const Moment& now);
 Moment parse_time_spec(std::string_view since);

@@ -43,7 +43,7 @@ const std::vector<FunctionDef>& function_defs() {
          "bool"},
         {get_authors_for_period,
          "Who committed since the start of the period, most commits first: dicts of name, email and commits.\n\n"
-         "Raises ValueError for a malformed time spec; returns [] when git fails.",
+         "Raises ValueError for a malformed since value; returns [] when git fails.",
          impl_get_authors_for_period,
          {{"repo_root", "Path", D::Required, false}, {"since", "str", D::Str30d, false}}, "list[dict[str, Any]]"},
         {resolve_commit, "The full commit id a name resolves to (tags peeled), or None; names starting with '-' give None.",

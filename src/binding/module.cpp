@@ -12,7 +12,7 @@ const char kModuleDoc[] =
     "Git utilities for parsing git log, diff, and related commands.\n"
     "\n"
     "Features:\n"
-    "- Time-spec parsing (30m, 24h, 7d, 2w or an ISO 8601 date) into the local moment a period starts\n"
+    "- Period starts (30m, 24h, 7d, 2w or an ISO 8601 date) read as the local moment they name\n"
     "- Diffs and commit logs parsed into file changes (status, line counts, renames) and changed line spans\n"
     "- Default branch detection (origin/HEAD, main, master) and branch existence checks\n"
     "- Author contribution tracking (commit counts per author over a period)\n"

@@ -1,4 +1,4 @@
-// The repository operations at the boundary: roots, branch names, time specs
+// The repository operations at the boundary: roots, branch names, period starts
 // and the queries. Each builds git's argument list with the core, runs it
 // through the namespace's runner or checked wrapper, and reads the answer.
 #include <array>
@@ -90,7 +90,7 @@ Ref path_object(const Call& call, const std::string& fs_path) {
     return check(PyObject_CallOneArg(call.lookup(Path), text.get()));
 }
 
-// The ValueError for a malformed spec, worded with the namespace's
+// The ValueError for a malformed since value, worded with the namespace's
 // TIME_SPEC_FORMS and Python's repr() of what was passed.
 [[noreturn]] void raise_time_spec_error(const Call& call, PyObject* since, bool out_of_calendar, PyObject* cause) {
     Ref quoted = check(PyObject_Repr(since));
@@ -131,8 +131,8 @@ bool own_units(const Call& call) {
 // The relative form read with the namespace's pattern and unit table (the
 // host replaced or edited them): now - timedelta(**{unit: amount}).
 Ref relative_through_namespace(const Call& call, PyObject* since) {
-    Ref spec = strip_str(since);
-    Ref m = check(PyObject_CallMethod(call.lookup(_RELATIVE_SPEC), "fullmatch", "O", spec.get()));
+    Ref stripped = strip_str(since);
+    Ref m = check(PyObject_CallMethod(call.lookup(_RELATIVE_SPEC), "fullmatch", "O", stripped.get()));
     if (m.get() == Py_None) return Ref();
     Ref digits = check(PyObject_CallMethod(m.get(), "group", "i", 1));
     Ref letter = check(PyObject_CallMethod(m.get(), "group", "i", 2));

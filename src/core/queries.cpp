@@ -283,7 +283,7 @@ std::vector<Author> parse_shortlog(std::string_view output) {
 }
 
 std::vector<Author> get_authors_for_period(GitBackend& git, const std::string& repo_root, std::string_view since) {
-    // A malformed time spec (TimeSpecError) throws here, before git runs.
+    // A malformed since value (TimeSpecError) throws here, before git runs.
     Moment since_moment = parse_time_spec(since);
     // Without a revision, shortlog summarises HEAD only when its standard
     // input is a terminal; otherwise it would wait for a log on stdin.

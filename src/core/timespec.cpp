@@ -1,11 +1,11 @@
-// Time specs: a relative span ("30m", "24h", "7d", "2w") or an ISO 8601 date
+// Period starts: a relative span ("30m", "24h", "7d", "2w") or an ISO 8601 date
 // or date-time, turned into the local wall-clock moment at which a period
 // starts.
 //
 // Moments are handled internally as a count of microseconds since
 // 0001-01-01 00:00:00; the calendar is exactly [0, kLastMicros]. All
 // arithmetic happens on that count, so a day is always 24 hours and no
-// daylight-saving rule touches a relative spec.
+// daylight-saving rule touches a relative form.
 #include "utils/git_utils.hpp"
 
 #include <cerrno>
@@ -122,10 +122,10 @@ struct RelativeSpec {
     std::uint64_t unit_micros = 0;
 };
 
-std::optional<RelativeSpec> match_relative(std::string_view spec) {
-    if (spec.size() < 2) return std::nullopt;
+std::optional<RelativeSpec> match_relative(std::string_view stripped) {
+    if (stripped.size() < 2) return std::nullopt;
     RelativeSpec rel;
-    switch (spec.back()) {
+    switch (stripped.back()) {
         case 'm': rel.unit_micros = 60 * kMicrosPerSecond; break;
         case 'h': rel.unit_micros = 3'600 * kMicrosPerSecond; break;
         case 'd': rel.unit_micros = kMicrosPerDay; break;
@@ -133,7 +133,7 @@ std::optional<RelativeSpec> match_relative(std::string_view spec) {
         default: return std::nullopt;
     }
     // The unit is one ASCII byte, so the digits end on a character boundary.
-    const std::string_view digits = spec.substr(0, spec.size() - 1);
+    const std::string_view digits = stripped.substr(0, stripped.size() - 1);
     std::size_t pos = 0;
     while (pos < digits.size()) {
         const int value = decimal_digit_value(next_char(digits, pos));
@@ -250,7 +250,7 @@ struct Clock {
 //
 // Hour 24 is rejected, and a fraction straight after the hour or the minute
 // (10.5, 10:30.5) is read as a fraction of a second (10:00:00.5,
-// 10:30:00.5). Both match Python's datetime.fromisoformat, so a spec means the
+// 10:30:00.5). Both match Python's datetime.fromisoformat, so a since value means the
 // same here as in the host's own date handling.
 std::optional<Clock> parse_clock(std::string_view t) {
     Clock c;
@@ -344,11 +344,11 @@ std::int64_t local_offset_at(std::int64_t unix_seconds) {
     return 0;
 }
 
-Moment parse_iso_spec(std::string_view since, std::string_view spec);
+Moment parse_iso_form(std::string_view since, std::string_view stripped);
 
 Moment parse_spec(std::string_view since, const Moment* now) {
-    const std::string_view spec = strip(since);
-    if (const auto rel = match_relative(spec)) {
+    const std::string_view stripped = strip(since);
+    if (const auto rel = match_relative(stripped)) {
         if (!rel->too_large && rel->amount == 0) throw_invalid(since);
         const std::int64_t start = to_micros(now != nullptr ? *now : local_now());
         std::uint64_t span = 0;
@@ -357,11 +357,11 @@ Moment parse_spec(std::string_view since, const Moment* now) {
             throw_outside_calendar(since);
         return from_micros(start - static_cast<std::int64_t>(span));
     }
-    return parse_iso_spec(since, spec);
+    return parse_iso_form(since, stripped);
 }
 
-Moment parse_iso_spec(std::string_view since, std::string_view spec) {
-    const auto iso = spec.empty() ? std::nullopt : parse_iso(spec);
+Moment parse_iso_form(std::string_view since, std::string_view stripped) {
+    const auto iso = stripped.empty() ? std::nullopt : parse_iso(stripped);
     if (!iso) throw_invalid(since);
     if (!iso->offset) return from_micros(iso->wall_micros);
     // Both ends are inside the calendar and the offset is below a day, so
@@ -403,9 +403,9 @@ Moment local_now() {
 
 Moment parse_time_spec(std::string_view since, const Moment& now) { return parse_spec(since, &now); }
 
-// The clock is read only for a relative spec.
+// The clock is read only for a relative form.
 Moment parse_time_spec(std::string_view since) { return parse_spec(since, nullptr); }
 
-Moment parse_iso_time_spec(std::string_view since) { return parse_iso_spec(since, strip(since)); }
+Moment parse_iso_time_spec(std::string_view since) { return parse_iso_form(since, strip(since)); }
 
 }  // namespace git_utils

@@ -1,4 +1,4 @@
-// Time specs: relative spans counted back from a fixed `now`, ISO dates and
+// Period starts: relative spans counted back from a fixed `now`, ISO dates and
 // date-times (zoned ones under several TZ settings), and the two errors.
 #include "utils/git_utils.hpp"
 
