@@ -11,7 +11,18 @@
 namespace {
 
 void check(std::string_view output) {
-    std::vector<git_utils::CommitView> views = git_utils::commit_change_views(output);
+    const git_utils::CommitLogScan scan = git_utils::commit_change_views(output);
+    const std::vector<git_utils::CommitView>& views = scan.commits;
+    // Each commit's files follow the previous commit's, and every path id is
+    // below the count of distinct paths.
+    std::size_t next = 0;
+    for (const git_utils::CommitView& c : views) {
+        if (c.first_file != next) __builtin_trap();
+        next += c.file_count;
+    }
+    if (next != scan.files.size()) __builtin_trap();
+    for (const git_utils::FileChangeView& f : scan.files)
+        if (f.path_id >= scan.distinct_paths) __builtin_trap();
     // Only the last commit may carry an invalid stamp: the parse stops there.
     for (std::size_t i = 0; i + 1 < views.size(); ++i)
         if (!views[i].valid) __builtin_trap();

@@ -13,6 +13,7 @@
 #include <ctime>
 #include <functional>
 #include <optional>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -74,6 +75,9 @@ void append_utf8_replacing(std::string& out, std::string_view bytes);
 // Decodes git's output in place: UTF-8 with replacement, then CR LF -> LF and
 // lone CR -> LF.
 void decode_git_text(std::string& text);
+
+// True when every byte is below 0x80.
+bool is_ascii(std::string_view text);
 
 // True for the white space the library trims: U+0009..U+000D, U+001C..U+001F,
 // U+0020, U+0085, U+00A0, U+1680, U+2000..U+200A, U+2028, U+2029, U+202F,
@@ -201,6 +205,10 @@ struct FileChangeView {
     std::optional<std::string_view> old_path;
     Decimal additions;        // text empty and value 0 when the field was not a count
     Decimal deletions;
+    // Equal paths get equal ids within one scan (for a log, across all its
+    // commits), so a caller can make one object per distinct path. Ids run
+    // from 0 up to the scan's count of distinct paths.
+    std::uint32_t path_id = 0;
 };
 
 // Which status letters carry two paths (the source, then the destination).
@@ -221,13 +229,25 @@ struct CommitView {
     Decimal timestamp;   // from the header, trimmed; see `valid`
     std::string_view stamp;  // the trimmed header text
     bool valid = true;   // false: stamp is not an integer (the parse fails there)
+    std::size_t first_file = 0;  // its files: CommitLogScan::files[first_file, +file_count)
+    std::size_t file_count = 0;
+};
+
+// A whole log as views: the commits, and every commit's files in one array
+// (one allocation for the log rather than one per commit).
+struct CommitLogScan {
+    std::vector<CommitView> commits;
     std::vector<FileChangeView> files;
+    std::size_t distinct_paths = 0;  // path ids of `files` are below this
+
+    std::span<const FileChangeView> files_of(const CommitView& c) const {
+        return std::span<const FileChangeView>(files).subspan(c.first_file, c.file_count);
+    }
 };
 
 // `parse_commit_changes` as views. Stops after the first commit whose stamp
 // is not an integer (its `valid` is false), since the whole parse fails there.
-std::vector<CommitView> commit_change_views(std::string_view output,
-                                            const TwoPathLetters& two_path = default_two_path_letter);
+CommitLogScan commit_change_views(std::string_view output, const TwoPathLetters& two_path = default_two_path_letter);
 
 // One hunk: the newer-side path it belongs to, and the numbers of its header.
 struct HunkView {

@@ -187,7 +187,7 @@ Ref impl_unquote_text(const Call& call, PyObject* text);
 Ref file_changes_from_output(const Call& call, std::string_view output);
 Ref line_spans_of_text(const Call& call, std::string_view text);
 Ref commit_changes_from_output(const Call& call, std::string_view output);
-Ref commit_changes_of_text(const Call& call, std::string_view text);
+Ref commit_changes_of_text(const Call& call, std::string_view text, bool ascii);
 Ref impl_find_git_root(const Call&, PyObject* const*);
 Ref impl_find_repo_root(const Call&, PyObject* const*);
 Ref impl_resolve_display_branch(const Call&, PyObject* const*);

@@ -4,7 +4,7 @@
 // the namespace at each call.
 #include <climits>
 #include <cstdint>
-#include <unordered_map>
+#include <cstring>
 
 #include "common.hpp"
 
@@ -56,27 +56,36 @@ private:
 // Builds the Python values of one call.
 class Builder {
 public:
-    // `share_paths`: one str per distinct path (a log names the same files
-    // again and again; in one diff every path is new, so it would only cost).
-    explicit Builder(const Call& call, bool share_paths = false)
+    // `ascii`: the parsed text is all ASCII, so every piece of it is too.
+    // `distinct_paths`: make one str per distinct path id (a log names the
+    // same files again and again; in one diff every path is new, so there it
+    // would only cost); 0 for a str per occurrence.
+    Builder(const Call& call, bool ascii, std::size_t distinct_paths = 0)
         : call_(call),
-          share_paths_(share_paths),
+          ascii_(ascii),
           file_change_(call.lookup(FileChange)),
           status_table_(call.lookup(_STATUS_BY_LETTER)),
-          modified_(check(PyUnicode_InternFromString("modified"))) {}
+          modified_(check(PyUnicode_InternFromString("modified"))),
+          paths_(distinct_paths, nullptr) {}
 
     ~Builder() {
-        for (auto& [_, o] : paths_) Py_DECREF(o);
+        for (PyObject* o : paths_) Py_XDECREF(o);
         for (PyObject* o : ascii_status_) Py_XDECREF(o);
     }
 
     Ref text(std::string_view s) {
-        if (!share_paths_) return str_from_utf8(s);
-        auto it = paths_.find(s);
-        if (it != paths_.end()) return Ref::borrow(it->second);
-        Ref o = str_from_utf8(s);
-        paths_.emplace(s, Ref(o).release());
+        if (!ascii_) return str_from_utf8(s);
+        // What the UTF-8 decoder would make, without scanning for non-ASCII.
+        Ref o = check(PyUnicode_New(static_cast<Py_ssize_t>(s.size()), 127));
+        std::memcpy(PyUnicode_1BYTE_DATA(o.get()), s.data(), s.size());
         return o;
+    }
+
+    Ref path(const FileChangeView& v) {
+        if (v.path_id >= paths_.size()) return text(v.path);
+        PyObject*& shared = paths_[v.path_id];
+        if (!shared) shared = text(v.path).release();
+        return Ref::borrow(shared);
     }
 
     // `_STATUS_BY_LETTER.get(letter, "modified")`, remembered per ASCII letter
@@ -105,12 +114,12 @@ public:
     }
 
     Ref file_change(const FileChangeView& v) {
-        Ref path = text(v.path);
+        Ref path_text = path(v);
         Ref status_text = status(v.letter);
         Ref additions = number(v.additions);
         Ref deletions = number(v.deletions);
         Ref old_path = v.old_path ? text(*v.old_path) : Ref::borrow(Py_None);
-        PyObject* values[5] = {path.get(), status_text.get(), additions.get(), deletions.get(), old_path.get()};
+        PyObject* values[5] = {path_text.get(), status_text.get(), additions.get(), deletions.get(), old_path.get()};
         return new_record(call_, file_change_, 0, values, 5);
     }
 
@@ -124,11 +133,11 @@ public:
 
 private:
     const Call& call_;
-    bool share_paths_;
+    bool ascii_;
     PyObject* file_change_;
     PyObject* status_table_;
     Ref modified_;
-    std::unordered_map<std::string_view, PyObject*> paths_;
+    std::vector<PyObject*> paths_;
     PyObject* ascii_status_[128] = {};
 };
 
@@ -151,12 +160,14 @@ struct TwoPath {
     }
 };
 
-Ref file_changes_of_tokens(const Call& call, const std::vector<std::string_view>& tokens, std::size_t bytes) {
+// `ascii`: every token is ASCII.
+Ref file_changes_of_tokens(const Call& call, const std::vector<std::string_view>& tokens, std::size_t bytes,
+                           bool ascii) {
     TwoPath two_path(call);
     std::vector<FileChangeView> views;
     auto predicate = two_path.predicate();
     scan(two_path.native && bytes >= kReleaseThreshold, [&] { views = file_change_views(tokens, predicate); });
-    return Builder(call).file_changes(views);
+    return Builder(call, ascii).file_changes(views);
 }
 
 Ref split_tokens(PyObject* output) {
@@ -324,7 +335,7 @@ Ref impl_parse_file_changes(const Call& call, PyObject* const* a) {
     if (!call.is_own(_file_changes)) return call_file_changes(call, split_tokens(a[0]).get());
     std::string scratch;
     std::string_view text = utf8_view(a[0], scratch);
-    return file_changes_of_tokens(call, split_nul(text), text.size());
+    return file_changes_of_tokens(call, split_nul(text), text.size(), PyUnicode_IS_ASCII(a[0]));
 }
 
 Ref impl_file_changes(const Call& call, PyObject* const* a) {
@@ -334,16 +345,18 @@ Ref impl_file_changes(const Call& call, PyObject* const* a) {
     std::vector<std::string> scratch(1);
     tokens.reserve(static_cast<std::size_t>(n));
     std::size_t bytes = 0;
+    bool ascii = true;
     for (Py_ssize_t i = 0; i < n; ++i) {
         PyObject* item = PySequence_Fast_GET_ITEM(seq.get(), i);
         require_str(item, "_file_changes", "tokens");
+        ascii = ascii && PyUnicode_IS_ASCII(item);
         std::string& s = scratch.back();
         std::string_view v = utf8_view(item, s);
         if (!s.empty()) scratch.emplace_back();  // keep that buffer alive
         tokens.push_back(v);
         bytes += v.size();
     }
-    return file_changes_of_tokens(call, tokens, bytes);
+    return file_changes_of_tokens(call, tokens, bytes, ascii);
 }
 
 Ref impl_line_count(const Call&, PyObject* const* a) {
@@ -356,7 +369,7 @@ Ref impl_parse_commit_changes(const Call& call, PyObject* const* a) {
     require_str(a[0], "parse_commit_changes", "output");
     if (!call.is_own(_file_changes) || !call.is_own(_COMMIT_START)) return commit_changes_through_host(call, a[0]);
     std::string scratch;
-    return commit_changes_of_text(call, utf8_view(a[0], scratch));
+    return commit_changes_of_text(call, utf8_view(a[0], scratch), PyUnicode_IS_ASCII(a[0]));
 }
 
 Ref commit_changes_from_output(const Call& call, std::string_view output) {
@@ -366,20 +379,20 @@ Ref commit_changes_from_output(const Call& call, std::string_view output) {
             return check(PyObject_CallOneArg(call.lookup(parse_commit_changes), text.get()));
         return commit_changes_through_host(call, text.get());
     }
-    return commit_changes_of_text(call, output);
+    return commit_changes_of_text(call, output, is_ascii(output));
 }
 
-Ref commit_changes_of_text(const Call& call, std::string_view text) {
+Ref commit_changes_of_text(const Call& call, std::string_view text, bool ascii) {
     TwoPath two_path(call);
     auto predicate = two_path.predicate();
-    std::vector<CommitView> commits;
-    scan(two_path.native && text.size() >= kReleaseThreshold,
-         [&] { commits = commit_change_views(text, predicate); });
-    Builder builder(call, /*share_paths=*/true);
+    CommitLogScan log;
+    scan(two_path.native && text.size() >= kReleaseThreshold, [&] { log = commit_change_views(text, predicate); });
+    Builder builder(call, ascii, log.distinct_paths);
     GcPause pause;
     PyObject* commit_cls = call.lookup(CommitChanges);
-    Ref list = check(PyList_New(0));
-    for (const CommitView& c : commits) {
+    Ref list = check(PyList_New(static_cast<Py_ssize_t>(log.commits.size())));
+    Py_ssize_t done = 0;
+    for (const CommitView& c : log.commits) {
         Ref timestamp;
         if (c.valid && c.timestamp.fits) {
             timestamp = Builder::number(c.timestamp);
@@ -388,12 +401,11 @@ Ref commit_changes_of_text(const Call& call, std::string_view text) {
             Ref stamp = str_from_utf8(c.stamp);
             timestamp = check(PyLong_FromUnicodeObject(stamp.get(), 10));
         }
-        Ref files = check(PyTuple_New(static_cast<Py_ssize_t>(c.files.size())));
-        for (std::size_t i = 0; i < c.files.size(); ++i)
-            PyTuple_SET_ITEM(files.get(), static_cast<Py_ssize_t>(i), builder.file_change(c.files[i]).release());
+        Ref files = check(PyTuple_New(static_cast<Py_ssize_t>(c.file_count)));
+        Py_ssize_t i = 0;
+        for (const FileChangeView& f : log.files_of(c)) PyTuple_SET_ITEM(files.get(), i++, builder.file_change(f).release());
         PyObject* values[2] = {timestamp.get(), files.get()};
-        Ref record = new_record(call, commit_cls, 1, values, 2);
-        check(PyList_Append(list.get(), record.get()));
+        PyList_SET_ITEM(list.get(), done++, new_record(call, commit_cls, 1, values, 2).release());
     }
     return list;
 }
@@ -554,7 +566,7 @@ Ref file_changes_from_output(const Call& call, std::string_view output) {
         Ref text = str_from_utf8(output);
         return call_file_changes(call, split_tokens(text.get()).get());
     }
-    return file_changes_of_tokens(call, split_nul(output), output.size());
+    return file_changes_of_tokens(call, split_nul(output), output.size(), is_ascii(output));
 }
 
 }  // namespace git_utils::binding

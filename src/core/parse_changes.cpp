@@ -6,9 +6,11 @@
 // (plus one reusable hash table), since a log of a large history runs to
 // hundreds of megabytes.
 #include <algorithm>
+#include <bit>
 #include <cstring>
 #include <functional>
 #include <limits>
+#include <random>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -70,63 +72,99 @@ Decimal read_timestamp(std::string_view stamp, bool& valid) {
     return d;
 }
 
-// Open-addressing table from a newer-side path to the places its records went:
-// the index of its view in the result, and of its counts while no raw record
-// has been seen for it. Reused across the commits of a log.
-class PathTable {
+// A seed drawn once per process, so that nobody can prepare file names whose
+// hashes collide and make the path table probe in quadratic time.
+std::uint64_t hash_seed() {
+    static const std::uint64_t seed = [] {
+        std::random_device device;
+        return (static_cast<std::uint64_t>(device()) << 32) ^ device() ^ 0x9E3779B97F4A7C15ull;
+    }();
+    return seed;
+}
+
+inline std::uint64_t load64(const char* p) {
+    std::uint64_t w;
+    std::memcpy(&w, p, 8);
+    return w;
+}
+
+// A hash of a path read eight bytes at a time (the last word overlapping
+// the one before): paths are short, and a general byte hash costs more than
+// the rest of a lookup.
+inline std::uint64_t hash_path(std::string_view s, std::uint64_t seed) {
+    constexpr std::uint64_t k1 = 0x9E3779B97F4A7C15ull, k2 = 0xBF58476D1CE4E5B9ull;
+    const char* p = s.data();
+    const std::size_t n = s.size();
+    std::uint64_t h = seed ^ n;
+    if (n >= 8) {
+        const char* last = p + n - 8;
+        for (; p < last; p += 8) h = std::rotl((h ^ load64(p)) * k1, 29);
+        h = (h ^ load64(last)) * k2;
+    } else if (n >= 4) {
+        std::uint32_t lo, hi;
+        std::memcpy(&lo, p, 4);
+        std::memcpy(&hi, p + n - 4, 4);
+        h = (h ^ (static_cast<std::uint64_t>(hi) << 32 | lo)) * k2;
+    } else if (n > 0) {
+        const auto* u = reinterpret_cast<const unsigned char*>(p);
+        h = (h ^ (std::uint64_t{u[0]} << 16 | std::uint64_t{u[n / 2]} << 8 | u[n - 1])) * k2;
+    }
+    h ^= h >> 32;
+    h *= k1;
+    return h ^ (h >> 29);
+}
+
+// Open-addressing table that numbers the distinct paths of a scan: the same
+// path always gets the same id, from 0 upwards.
+class PathIds {
 public:
-    struct Slot {
-        std::string_view key;
-        std::size_t view = kNone;
-        std::size_t pending = kNone;
-        bool used = false;
-    };
-
-    // Empties the table, sized for about `expected` keys.
-    void reset(std::size_t expected) {
-        std::size_t capacity = 16;
-        while (capacity < expected * 2) capacity *= 2;
-        if (slots_.size() != capacity) {
-            slots_.assign(capacity, Slot{});
-        } else if (used_) {
-            std::fill(slots_.begin(), slots_.end(), Slot{});
+    std::uint32_t id(std::string_view key) {
+        if ((count_ + 1) * 4 > slots_.size() * 3) grow();
+        const std::uint64_t h = hash_path(key, seed_);
+        const std::size_t mask = slots_.size() - 1;
+        for (std::size_t i = h & mask;; i = (i + 1) & mask) {
+            Slot& slot = slots_[i];
+            if (slot.id == kEmpty) {
+                slot = Slot{key, h, static_cast<std::uint32_t>(count_)};
+                return static_cast<std::uint32_t>(count_++);
+            }
+            if (slot.hash == h && slot.key == key) return slot.id;
         }
-        used_ = 0;
     }
 
-    Slot& at(std::string_view key) {
-        if ((used_ + 1) * 4 > slots_.size() * 3) grow();
-        Slot& slot = probe(slots_, key);
-        if (!slot.used) {
-            slot.used = true;
-            slot.key = key;
-            ++used_;
-        }
-        return slot;
-    }
+    std::size_t size() const { return count_; }
 
 private:
-    static Slot& probe(std::vector<Slot>& slots, std::string_view key) {
-        const std::size_t mask = slots.size() - 1;
-        std::size_t i = std::hash<std::string_view>{}(key) & mask;
-        while (slots[i].used && slots[i].key != key) i = (i + 1) & mask;
-        return slots[i];
-    }
+    static constexpr std::uint32_t kEmpty = static_cast<std::uint32_t>(-1);
+    struct Slot {
+        std::string_view key;
+        std::uint64_t hash = 0;
+        std::uint32_t id = kEmpty;
+    };
 
     void grow() {
-        std::vector<Slot> bigger(slots_.size() * 2);
-        for (Slot& s : slots_)
-            if (s.used) probe(bigger, s.key) = s;
+        std::vector<Slot> bigger(slots_.empty() ? 64 : slots_.size() * 2);
+        const std::size_t mask = bigger.size() - 1;
+        for (const Slot& s : slots_) {
+            if (s.id == kEmpty) continue;
+            std::size_t i = s.hash & mask;
+            while (bigger[i].id != kEmpty) i = (i + 1) & mask;
+            bigger[i] = s;
+        }
         slots_.swap(bigger);
     }
 
     std::vector<Slot> slots_;
-    std::size_t used_ = 0;
+    std::size_t count_ = 0;
+    std::uint64_t seed_ = hash_seed();
 };
 
 using CountPair = std::pair<Decimal, Decimal>;
 
-// The raw + numstat parser proper, with scratch space kept between calls.
+// The raw + numstat parser proper. One parser reads one diff, or every
+// commit of a log in turn: path ids then hold across the commits, while the
+// pairing of raw and numstat records is kept apart per commit by a
+// generation number.
 class FileChangeParser {
 public:
     explicit FileChangeParser(const TwoPathLetters& two_path) : two_path_(two_path) {
@@ -136,12 +174,13 @@ public:
         default_letters_ = target && *target == &default_two_path_letter;
     }
 
-    std::vector<FileChangeView> parse(std::span<const std::string_view> tokens) {
-        std::vector<FileChangeView> views;
-        // One file takes at least three tokens (header, path, numstat).
-        views.reserve(tokens.size() / 3 + 1);
-        table_.reset(tokens.size() / 3 + 1);
+    std::size_t distinct_paths() const { return ids_.size(); }
+
+    // Appends the files of one diff's tokens to `views`.
+    void parse(std::span<const std::string_view> tokens, std::vector<FileChangeView>& views) {
+        ++generation_;
         pending_.clear();
+        next_counted_ = views.size();
 
         const std::size_t n = tokens.size();
         std::size_t i = 0;
@@ -186,20 +225,33 @@ public:
                 counts(views, path, line_count(token.substr(0, tab1)),
                        line_count(token.substr(tab1 + 1, tab2 - tab1 - 1)));
         }
-
         // Counts left in `pending_` had no raw record and yield nothing.
-        return views;
     }
 
 private:
+    // Where a path's records went in the current diff.
+    struct Place {
+        std::uint64_t generation = 0;  // the diff these entries belong to
+        std::size_t view = kNone;      // index of its view in the result
+        std::size_t pending = kNone;   // its counts, while no raw record has come
+    };
+
     bool two_path(std::string_view letter) const {
         if (default_letters_) return default_two_path_letter(letter);
         return two_path_(letter);
     }
 
+    Place& place(std::uint32_t id) {
+        if (id >= places_.size()) places_.resize(std::max<std::size_t>(id + 1, places_.size() * 2));
+        Place& p = places_[id];
+        if (p.generation != generation_) p = Place{generation_};
+        return p;
+    }
+
     void raw_record(std::vector<FileChangeView>& views, std::string_view path, std::string_view letter,
                     std::optional<std::string_view> old_path) {
-        PathTable::Slot& slot = table_.at(path);
+        const std::uint32_t id = ids_.id(path);
+        Place& slot = place(id);
         if (slot.view != kNone) {
             // A later raw record for the path replaces the status and the old
             // path; the file keeps its place and its counts.
@@ -211,6 +263,7 @@ private:
         slot.view = views.size();
         FileChangeView& v = views.emplace_back();
         v.path = path;
+        v.path_id = id;
         v.letter = letter;
         v.old_path = old_path;
         if (slot.pending != kNone) {
@@ -221,7 +274,16 @@ private:
 
     void counts(std::vector<FileChangeView>& views, std::string_view path, const Decimal& added,
                 const Decimal& deleted) {
-        PathTable::Slot& slot = table_.at(path);
+        // git writes the numstat records in the order of the raw records, so
+        // the next file usually is the one; as a diff's paths are distinct in
+        // `views`, a path equal to that file's is that file.
+        if (next_counted_ < views.size() && views[next_counted_].path == path) {
+            views[next_counted_].additions = added;
+            views[next_counted_].deletions = deleted;
+            ++next_counted_;
+            return;
+        }
+        Place& slot = place(ids_.id(path));
         if (slot.view != kNone) {
             views[slot.view].additions = added;
             views[slot.view].deletions = deleted;
@@ -235,7 +297,10 @@ private:
 
     const TwoPathLetters& two_path_;
     bool default_letters_ = false;
-    PathTable table_;
+    PathIds ids_;
+    std::vector<Place> places_;
+    std::uint64_t generation_ = 0;
+    std::size_t next_counted_ = 0;  // the view whose numstat record is expected next
     std::vector<CountPair> pending_;
 };
 
@@ -282,7 +347,9 @@ bool default_two_path_letter(std::string_view letter) { return letter == "C" || 
 
 std::vector<std::string_view> split_nul(std::string_view output) {
     std::vector<std::string_view> tokens;
-    tokens.reserve(static_cast<std::size_t>(std::count(output.begin(), output.end(), '\0')) + 1);
+    // A guess (git's tokens run to a few dozen bytes); counting the NULs
+    // first would read the whole text once more.
+    tokens.reserve(output.size() / 24 + 1);
     const char* p = output.data();
     const char* end = p + output.size();
     for (;;) {
@@ -300,6 +367,22 @@ std::vector<std::string_view> split_nul(std::string_view output) {
 Decimal line_count(std::string_view field) {
     Decimal d;
     if (field.empty()) return d;
+    // git writes ASCII digits that fit: read those inline, and hand anything
+    // else to the general reader of Unicode digits.
+    if (field.size() <= 18) {
+        std::int64_t value = 0;
+        std::size_t pos = 0;
+        for (; pos < field.size(); ++pos) {
+            unsigned c = static_cast<unsigned char>(field[pos]) - '0';
+            if (c > 9) break;
+            value = value * 10 + c;
+        }
+        if (pos == field.size()) {
+            d.text = field;
+            d.value = value;
+            return d;
+        }
+    }
     std::uint64_t magnitude = 0;
     bool fits = true;
     std::size_t pos = 0;
@@ -317,11 +400,15 @@ Decimal line_count(std::string_view field) {
 std::vector<FileChangeView> file_change_views(const std::vector<std::string_view>& tokens,
                                               const TwoPathLetters& two_path) {
     FileChangeParser parser(two_path);
-    return parser.parse(tokens);
+    std::vector<FileChangeView> views;
+    // One file takes at least three tokens (header, path, numstat).
+    views.reserve(tokens.size() / 3 + 1);
+    parser.parse(tokens, views);
+    return views;
 }
 
-std::vector<CommitView> commit_change_views(std::string_view output, const TwoPathLetters& two_path) {
-    std::vector<CommitView> commits;
+CommitLogScan commit_change_views(std::string_view output, const TwoPathLetters& two_path) {
+    CommitLogScan scan;
     FileChangeParser parser(two_path);
     // The tokens of the open commit only: a whole log's tokens would take
     // more memory than the log itself.
@@ -329,7 +416,10 @@ std::vector<CommitView> commit_change_views(std::string_view output, const TwoPa
     bool open = false;
 
     auto close = [&]() {
-        commits.back().files = parser.parse(body);
+        CommitView& commit = scan.commits.back();
+        commit.first_file = scan.files.size();
+        parser.parse(body, scan.files);
+        commit.file_count = scan.files.size() - commit.first_file;
         body.clear();
     };
 
@@ -344,21 +434,25 @@ std::vector<CommitView> commit_change_views(std::string_view output, const TwoPa
         while (lf < token.size() && token[lf] == '\n') ++lf;
         if (lf < token.size() && token[lf] == kCommitStart) {
             if (open) close();
-            CommitView& commit = commits.emplace_back();
+            CommitView& commit = scan.commits.emplace_back();
             commit.stamp = strip(token.substr(lf + 1));
             commit.timestamp = read_timestamp(commit.stamp, commit.valid);
+            commit.first_file = scan.files.size();
             // The whole parse fails at this commit: nothing after it is read.
-            if (!commit.valid) return commits;
+            if (!commit.valid) break;
             open = true;
         } else if (open) {
             body.push_back(token);
         }  // tokens before the first header are ignored
 
-        if (!nul) break;
+        if (!nul) {
+            if (open) close();
+            break;
+        }
         p = token_end + 1;
     }
-    if (open) close();
-    return commits;
+    scan.distinct_paths = parser.distinct_paths();
+    return scan;
 }
 
 std::vector<FileChange> parse_file_changes(std::string_view output) {
@@ -370,17 +464,17 @@ std::vector<FileChange> parse_file_changes(std::string_view output) {
 }
 
 std::vector<CommitChanges> parse_commit_changes(std::string_view output) {
-    const std::vector<CommitView> views = commit_change_views(output);
+    const CommitLogScan scan = commit_change_views(output);
     std::vector<CommitChanges> commits;
-    commits.reserve(views.size());
-    for (const CommitView& v : views) {
+    commits.reserve(scan.commits.size());
+    for (const CommitView& v : scan.commits) {
         if (!v.valid) throw std::invalid_argument("invalid literal for int() with base 10: " + python_repr(v.stamp));
         if (!v.timestamp.fits)
             throw std::out_of_range("commit timestamp does not fit a 64-bit integer: " + std::string(v.stamp));
         CommitChanges& c = commits.emplace_back();
         c.timestamp = v.timestamp.value;
-        c.files.reserve(v.files.size());
-        for (const FileChangeView& f : v.files) c.files.push_back(to_record(f));
+        c.files.reserve(v.file_count);
+        for (const FileChangeView& f : scan.files_of(v)) c.files.push_back(to_record(f));
     }
     return commits;
 }

@@ -54,6 +54,19 @@ inline bool plain_word(const unsigned char* p) {
 
 }  // namespace
 
+bool is_ascii(std::string_view text) {
+    const auto* p = reinterpret_cast<const unsigned char*>(text.data());
+    std::size_t n = text.size(), i = 0;
+    std::uint64_t any = 0;
+    for (; i + 8 <= n; i += 8) {
+        std::uint64_t w;
+        std::memcpy(&w, p + i, 8);
+        any |= w;
+    }
+    for (; i < n; ++i) any |= p[i];
+    return (any & 0x8080808080808080ULL) == 0;
+}
+
 void append_utf8_replacing(std::string& out, std::string_view bytes) {
     const auto* p = reinterpret_cast<const unsigned char*>(bytes.data());
     std::size_t n = bytes.size(), i = 0, run = 0;

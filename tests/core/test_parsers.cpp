@@ -157,6 +157,24 @@ TEST(ParseCommitLog, CommitsInOrderWithTheirOwnFiles) {
     EXPECT_TRUE(parse_commit_changes(Z({"no", "header"})).empty());
 }
 
+TEST(ParseCommitLog, PathIdsNameDistinctPathsAcrossCommits) {
+    // Also many paths, so the id table grows while it is in use.
+    std::vector<std::string> tokens = {"\x1e" "2"};
+    for (int i = 0; i < 300; ++i) tokens.insert(tokens.end(), {kModHeader + "M", "f" + std::to_string(i)});
+    tokens.insert(tokens.end(), {"\x1e" "1", kModHeader + "R050", "f7", "f299", kModHeader + "A", "new", ""});
+    std::string out;
+    for (const std::string& t : tokens) out += t + '\0';
+    const CommitLogScan scan = commit_change_views(out);
+    ASSERT_EQ(scan.commits.size(), 2u);
+    ASSERT_EQ(scan.commits[1].file_count, 2u);
+    EXPECT_EQ(scan.distinct_paths, 301u);  // the old path of a rename gets no id
+    auto second = scan.files_of(scan.commits[1]);
+    EXPECT_EQ(second[0].path, "f299");
+    EXPECT_EQ(second[0].path_id, scan.files[299].path_id);
+    EXPECT_EQ(second[1].path_id, 300u);
+    for (std::size_t i = 0; i < 300; ++i) EXPECT_EQ(scan.files[i].path_id, i);
+}
+
 struct StampCase {
     std::string stamp;
     bool valid;
@@ -170,7 +188,7 @@ TEST_P(ParseCommitLogStamp, ReadLikePythonInt) {
     const StampCase& c = GetParam();
     // A valid commit after it shows whether the parse went on.
     const std::string log = Z({"\x1e" + c.stamp, "\x1e" "5"});
-    auto views = commit_change_views(log);
+    auto views = commit_change_views(log).commits;
     ASSERT_EQ(views.size(), c.valid ? 2u : 1u);
     EXPECT_EQ(views[0].valid, c.valid);
     EXPECT_EQ(views[0].stamp, strip(c.stamp));
