@@ -31,6 +31,7 @@ SYNTHETIC_MAIN = "f36c5ab4f471"  # tip of main for the default parameters
 SYNTHETIC_FEATURE = "4ebde10a052d"
 FLOOR_SRC = BENCH / "floor.cpp"
 FLOOR_BIN = OUT / "floor"
+ALLOC_FLOOR_SRC = BENCH / "alloc_floor.c"
 EXTENSION = "vantrel_sorlith.utils.git_utils"
 
 if str(BENCH) not in sys.path:
@@ -83,6 +84,24 @@ def floor_binary() -> Path:
     log(" ".join(cmd))
     subprocess.run(cmd, check=True)
     return FLOOR_BIN
+
+
+def alloc_floor_module():
+    """bench/alloc_floor.c built for this interpreter (rebuilt when the source is newer) and imported."""
+    import importlib.util
+    import sysconfig
+    so = OUT / ("alloc_floor" + sysconfig.get_config_var("EXT_SUFFIX"))
+    if not so.exists() or so.stat().st_mtime < ALLOC_FLOOR_SRC.stat().st_mtime:
+        OUT.mkdir(parents=True, exist_ok=True)
+        cc = os.environ.get("CC", "gcc")
+        cmd = [cc, "-O2", "-shared", "-fPIC", "-Wall", "-I", sysconfig.get_paths()["include"],
+               "-o", str(so), str(ALLOC_FLOOR_SRC)]
+        log(" ".join(cmd))
+        subprocess.run(cmd, check=True)
+    spec = importlib.util.spec_from_file_location("alloc_floor", so)
+    module = importlib.util.module_from_spec(spec)
+    spec.loader.exec_module(module)
+    return module
 
 
 def load_extension(allow_missing: bool = False):
