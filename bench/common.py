@@ -167,6 +167,9 @@ class Contender:
 
     name: str
     run: Callable[[int], list[float]]
+    # True when run() makes an untimed call of its own before the timed ones
+    # (the floor binary does, in its fresh process).
+    warms_itself: bool = False
 
 
 def python_contender(name: str, call: Callable[[], object]) -> Contender:
@@ -224,15 +227,18 @@ class Floor:
         return totals
 
     def contender(self, name: str = "floor (C++ spawn+read)") -> Contender:
-        return Contender(name, self.run)
+        return Contender(name, self.run, warms_itself=self.warm)
 
 
 def interleave(contenders: Sequence[Contender], calls: int, per_turn: int = 1,
-               warmup: int = 1) -> list[Stats]:
+               warmup: int = 1, warm_each_turn: bool = False) -> list[Stats]:
     """Run each contender `calls` times, per_turn calls at a time, round-robin.
 
     A warm-up turn of each runs first and is not counted.  The garbage
-    collector is run between turns, never inside one.
+    collector is run between turns, never inside one.  warm_each_turn: every
+    turn of every contender starts with one untimed call, so that no timed call
+    is the first after another contender ran (caches, branch predictors and the
+    scheduler's idea of the process then favour none of them).
     """
     stats = [Stats(c.name) for c in contenders]
     for c in contenders:
@@ -243,6 +249,8 @@ def interleave(contenders: Sequence[Contender], calls: int, per_turn: int = 1,
         k = min(per_turn, calls - done)
         for c, s in zip(contenders, stats):
             gc.collect()
+            if warm_each_turn and not c.warms_itself:
+                c.run(1)
             s.times.extend(c.run(k))
         done += k
     return stats

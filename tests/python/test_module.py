@@ -90,6 +90,50 @@ def test_namespace_holds_every_name_in_load_order():
     assert not hasattr(g, "__all__")
 
 
+# The whole callable surface, as inspect renders it: names, parameter kinds,
+# defaults and evaluated annotations (M = this module's name).
+M = g.__name__
+SIGNATURES = {
+    "find_git_root": "(start: pathlib.Path | None = None) -> pathlib.Path | None",
+    "find_repo_root": "() -> pathlib.Path",
+    "resolve_display_branch": "(repo_root: pathlib.Path) -> str | None",
+    "checked_out_branch": "(repo_root: pathlib.Path) -> str | None",
+    "normalize_branch_name": "(name: str | None) -> str | None",
+    "parse_time_spec": "(since: str) -> datetime.datetime",
+    "run_git_command": "(repo_root: pathlib.Path, args: list[str], timeout: int = 30) -> tuple[str, str, int]",
+    "get_head_commit": "(repo_root: pathlib.Path, short: bool = True) -> str | None",
+    "get_default_branch": "(repo_root: pathlib.Path) -> str",
+    "branch_exists": "(repo_root: pathlib.Path, branch: str) -> bool",
+    "get_authors_for_period": "(repo_root: pathlib.Path, since: str = '30d') -> list[dict[str, typing.Any]]",
+    "resolve_commit": "(repo_root: pathlib.Path, name: str) -> str | None",
+    "count_commits": "(repo_root: pathlib.Path, base: str, head: str) -> int",
+    "commit_before": "(repo_root: pathlib.Path, ref: str, moment: datetime.datetime) -> str | None",
+    "diff_file_changes": f"(repo_root: pathlib.Path, base: str, head: str) -> list[{M}.FileChange]",
+    "log_commit_changes": "(repo_root: pathlib.Path, *, since: datetime.datetime, ref: str | None, max_commits: int)"
+                          f" -> list[{M}.CommitChanges]",
+    "diff_line_spans": "(repo_root: pathlib.Path, base: str, head: str, *, merge_base: bool, "
+                       "paths: collections.abc.Sequence[str] = (), diff_filter: str = 'MR')"
+                       f" -> dict[str, list[{M}.LineSpan]]",
+    "parse_file_changes": f"(output: str) -> list[{M}.FileChange]",
+    "parse_commit_changes": f"(output: str) -> list[{M}.CommitChanges]",
+    "parse_line_spans": f"(patch: str) -> dict[str, list[{M}.LineSpan]]",
+    "_span": f"(start: int, new_count: int, old_count: int) -> {M}.LineSpan",
+    "_file_changes": f"(tokens: collections.abc.Sequence[str]) -> list[{M}.FileChange]",
+    "_line_count": "(field: str) -> int",
+    "_patch_path": "(text: str) -> str | None",
+    "_unquote": "(text: str) -> str",
+    "_path_batches": "(paths: collections.abc.Sequence[str]) -> list[list[str]]",
+    "_git_output": "(repo_root: pathlib.Path, args: list[str]) -> str",
+}
+
+
+def test_every_function_has_its_exact_signature():
+    functions = [n for n, v in vars(g).items() if callable(v) and not isinstance(v, type)
+                 and getattr(v, "__module__", None) == M]
+    assert functions == list(SIGNATURES)  # also the order in which loading defines them
+    assert {n: str(inspect.signature(getattr(g, n))) for n in functions} == SIGNATURES
+
+
 def test_every_operation_is_documented_and_introspectable():
     for name in LOAD_ORDER[LOAD_ORDER.index("find_git_root"):]:
         f = getattr(g, name)
