@@ -5,6 +5,7 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
+#include <deque>
 
 #include "common.hpp"
 
@@ -342,7 +343,10 @@ Ref impl_file_changes(const Call& call, PyObject* const* a) {
     Ref seq = check(PySequence_Fast(a[0], "_file_changes() argument 'tokens' must be a sequence of str"));
     Py_ssize_t n = PySequence_Fast_GET_SIZE(seq.get());
     std::vector<std::string_view> tokens;
-    std::vector<std::string> scratch(1);
+    // A deque keeps its strings in place as it grows: a short string holds its
+    // bytes inside the object, so a vector moving it would leave the earlier
+    // views dangling.
+    std::deque<std::string> scratch(1);
     tokens.reserve(static_cast<std::size_t>(n));
     std::size_t bytes = 0;
     bool ascii = true;

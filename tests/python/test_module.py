@@ -21,6 +21,17 @@ def run_python(code):
     return subprocess.run([sys.executable, "-c", textwrap.dedent(code)], capture_output=True, text=True)
 
 
+@pytest.mark.skipif("GIT_UTILS_EXPECT_MODULE" not in os.environ, reason="no particular build asked for")
+def test_the_build_asked_for_is_the_one_loaded():
+    # The sanitized run names its build: the import must not fall through to
+    # the installed module, and no second copy may be mapped.
+    expected = Path(os.environ["GIT_UTILS_EXPECT_MODULE"]).resolve()
+    assert Path(g.__file__).resolve() == expected
+    mapped = {Path(line.split(maxsplit=5)[5]).resolve() for line in Path("/proc/self/maps").read_text().splitlines()
+              if line.count(" ") >= 5 and "/git_utils." in line}
+    assert mapped == {expected}
+
+
 @pytest.mark.parametrize(
     "name, expected",
     [
