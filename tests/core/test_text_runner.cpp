@@ -92,6 +92,24 @@ TEST(Runner, LargeOutputIsDrainedWhileStderrIsWrittenToo) {
     EXPECT_EQ(r.err.size(), 1000000u);
 }
 
+class RunnerOutputSize : public ::testing::TestWithParam<std::size_t> {};
+
+TEST_P(RunnerOutputSize, EveryByteArrivesInOrder) {
+    // Numbered lines, so a chunk joined twice, dropped or out of order shows.
+    std::string expected;
+    for (int i = 1; expected.size() < GetParam(); ++i) expected += std::to_string(i) + "\n";
+    expected.resize(GetParam());
+    auto r = run_git_command(".", {"-c", "alias.x=!seq 1 10000000 | head -c " + std::to_string(GetParam()), "x"});
+    EXPECT_EQ(r.returncode, 0);
+    EXPECT_EQ(r.out.size(), expected.size());
+    EXPECT_TRUE(r.out == expected);
+}
+
+// Around the sizes where the collector starts a new chunk (64 KiB, then
+// twice the last), and several chunks of the largest size.
+INSTANTIATE_TEST_SUITE_P(ChunkEdges, RunnerOutputSize,
+                         ::testing::Values(0, 1, 65535, 65536, 65537, 196608, 196609, 33 << 20));
+
 TEST(Runner, TerminalStdinMakesIsattyTrue) {
     auto r = run_git_command(".", {"-c", "alias.x=!test -t 0 && echo tty", "x"}, 10, StdinMode::Terminal);
     EXPECT_EQ(r.out, "tty\n");
