@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cmath>
 #include <optional>
 #include <cstring>
 
@@ -237,6 +238,11 @@ NativeRun run_native(const Call& call, PyObject* repo_root, PyObject* args, PyOb
         } else {
             double seconds = PyFloat_AsDouble(timeout);
             if (seconds == -1.0 && PyErr_Occurred()) throw PyErrSet{};
+            // As subprocess.run and time.sleep refuse it: NaN names no time.
+            if (std::isnan(seconds)) {
+                PyErr_SetString(PyExc_ValueError, "timeout must be a number of seconds, not NaN");
+                throw PyErrSet{};
+            }
             options.timeout = seconds;
         }
         if (host.env && host.env.get() != Py_None) options.env = environment(host.env.get());

@@ -266,9 +266,11 @@ RunOutcome run_git_process(const std::vector<std::string>& args, const std::stri
     bool out_open = true, err_open = true, exited = false;
     int status = 0;
     const bool limited = options.timeout.has_value();
+    // NaN and values below zero leave no time at all; beyond 1e9 s (31 years)
+    // the limit is cut so that the deadline stays representable.
+    const double seconds = limited && *options.timeout > 0 ? std::min(*options.timeout, 1e9) : 0.0;
     const auto deadline =
-        limited ? started + std::chrono::duration_cast<Clock::duration>(
-                                std::chrono::duration<double>(std::min(*options.timeout, 1e9)))
+        limited ? started + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds))
                 : Clock::time_point::max();
 
     for (;;) {

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cmath>
 #include <thread>
 
 #include "utils/git_utils.hpp"
@@ -109,6 +110,17 @@ TEST_P(RunnerOutputSize, EveryByteArrivesInOrder) {
 // twice the last), and several chunks of the largest size.
 INSTANTIATE_TEST_SUITE_P(ChunkEdges, RunnerOutputSize,
                          ::testing::Values(0, 1, 65535, 65536, 65537, 196608, 196609, 33 << 20));
+
+TEST(Runner, TimeLimitThatIsNotANumberOrNegativeExpiresAtOnce) {
+    for (double seconds : {std::nan(""), -1.0, -HUGE_VAL}) {
+        RunOptions options;
+        options.timeout = seconds;
+        EXPECT_EQ(run_git_process({"version"}, ".", options).status, RunStatus::TimedOut) << seconds;
+    }
+    RunOptions unlimited;
+    unlimited.timeout = HUGE_VAL;
+    EXPECT_EQ(run_git_process({"version"}, ".", unlimited).status, RunStatus::Exited);
+}
 
 TEST(Runner, TerminalStdinMakesIsattyTrue) {
     auto r = run_git_command(".", {"-c", "alias.x=!test -t 0 && echo tty", "x"}, 10, StdinMode::Terminal);
