@@ -317,7 +317,10 @@ Ref impl_log_commit_changes(const Call& call, PyObject* const* a) {
 
 Ref impl_path_batches(const Call& call, PyObject* const* a) {
     Ref budget_obj = Ref::borrow(call.lookup(_MAX_PATHSPEC_CHARS));
-    Ref seq = check(PySequence_Fast(a[0], "_path_batches() argument 'paths' must be a sequence of str"));
+    // A tuple of its own: len() of a path runs the host's code, which must
+    // not be able to free paths still to be batched.
+    Ref fast = check(PySequence_Fast(a[0], "_path_batches() argument 'paths' must be a sequence of str"));
+    Ref seq = check(PySequence_Tuple(fast.get()));
     Ref batches = check(PyList_New(0));
     Ref batch = check(PyList_New(0));
     check(PyList_Append(batches.get(), batch.get()));
