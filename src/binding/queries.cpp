@@ -68,9 +68,14 @@ std::string checked(const Call& call, PyObject* root, PyObject* list) { return g
 std::string moment_text(const Call& call, PyObject* moment) {
     if (PyObject_TypeCheck(moment, reinterpret_cast<PyTypeObject*>(call.st->datetime_type))) {
         Moment m;
+        // Each field through datetime's own descriptor, as strftime reads it:
+        // a subclass that redefines `year` cannot hand over something else.
         auto field = [&](const char* name) {
-            Ref v = check(PyObject_GetAttrString(moment, name));
-            return static_cast<int>(PyLong_AsLong(v.get()));
+            Ref descriptor = check(PyObject_GetAttrString(call.st->datetime_type, name));
+            Ref v = check(PyObject_CallMethod(descriptor.get(), "__get__", "O", moment));
+            long value = PyLong_AsLong(v.get());
+            if (value == -1 && PyErr_Occurred()) throw PyErrSet{};
+            return static_cast<int>(value);
         };
         m.year = field("year");
         m.month = field("month");

@@ -1,6 +1,8 @@
 """The host's own code running in the middle of a call (__fspath__, __len__, a
 replaced table or runner) must not be able to free what the call still reads."""
 
+from datetime import datetime
+
 import pytest
 
 from conftest import git
@@ -72,3 +74,13 @@ def test_replaced_runner_whose_exit_code_empties_its_triple(module_state):
     with pytest.raises(g.GitError) as info:
         g._git_output("/r", ["x"])
     assert str(info.value) == "fatal: " + "x" * 3000
+
+
+def test_datetime_subclass_is_written_from_its_own_fields(repo):
+    class Moment(datetime):
+        year = property(lambda self: "not a number")
+
+    head = git(repo, "rev-parse", "HEAD").strip()
+    assert g.commit_before(repo, "main", Moment(2030, 1, 1)) == head
+    assert [c.timestamp for c in g.log_commit_changes(repo, since=Moment(2000, 1, 1), ref=None, max_commits=1)] == [
+        int(git(repo, "log", "-1", "--format=%ct"))]
