@@ -70,9 +70,13 @@ std::string moment_text(const Call& call, PyObject* moment) {
         Moment m;
         // Each field through datetime's own descriptor, as strftime reads it:
         // a subclass that redefines `year` cannot hand over something else.
+        // The names are interned: the type's attribute cache keeps the name
+        // object of each lookup, and fresh ones would pile up there.
         auto field = [&](const char* name) {
-            Ref descriptor = check(PyObject_GetAttrString(call.st->datetime_type, name));
-            Ref v = check(PyObject_CallMethod(descriptor.get(), "__get__", "O", moment));
+            Ref key = check(PyUnicode_InternFromString(name));
+            Ref descriptor = check(PyObject_GetAttr(call.st->datetime_type, key.get()));
+            descrgetfunc get = Py_TYPE(descriptor.get())->tp_descr_get;
+            Ref v = get ? check(get(descriptor.get(), moment, call.st->datetime_type)) : descriptor;
             long value = PyLong_AsLong(v.get());
             if (value == -1 && PyErr_Occurred()) throw PyErrSet{};
             return static_cast<int>(value);
