@@ -10,7 +10,6 @@ import math
 import types
 import typing
 from datetime import datetime
-from pathlib import Path
 
 import pytest
 
@@ -36,7 +35,7 @@ VALUES = {
     "100,000-char path": LONG_PATH,
 }
 TEXTS = ["str", "NUL", "lone surrogate", "escaped byte", "10 MB", "100,000-char path"]
-NUMBERS = ["int", "nan", "-inf", "inf"]
+
 
 class OSErrorWith:
     def __init__(self, number):
