@@ -14,14 +14,15 @@ ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 BUILD="$ROOT/build/fuzz"
 SECONDS_EACH="${FUZZ_SECONDS:-5}"
 JOBS="${FUZZ_JOBS:-$(nproc 2>/dev/null || echo 2)}"
-ALL_TARGETS="fuzz_file_changes fuzz_commit_log fuzz_line_spans fuzz_unquote"
+ALL_TARGETS="fuzz_file_changes fuzz_commit_log fuzz_line_spans fuzz_unquote fuzz_time_spec"
 TARGETS="${FUZZ_TARGETS:-$ALL_TARGETS}"
 
 # Longest input per target: whole outputs for the stream parsers, a name for
-# unquoting.
+# unquoting, a since value for period starts.
 max_len() {
     case "$1" in
         fuzz_unquote) echo 1024 ;;
+        fuzz_time_spec) echo 256 ;;
         *) echo 65536 ;;
     esac
 }

@@ -340,7 +340,10 @@ Ref impl_parse_file_changes(const Call& call, PyObject* const* a) {
 }
 
 Ref impl_file_changes(const Call& call, PyObject* const* a) {
-    Ref seq = check(PySequence_Fast(a[0], "_file_changes() argument 'tokens' must be a sequence of str"));
+    // A tuple of its own keeps every token alive while the views into them
+    // are read (the host's status table runs its code in between).
+    Ref fast = check(PySequence_Fast(a[0], "_file_changes() argument 'tokens' must be a sequence of str"));
+    Ref seq = check(PySequence_Tuple(fast.get()));
     Py_ssize_t n = PySequence_Fast_GET_SIZE(seq.get());
     std::vector<std::string_view> tokens;
     // A deque keeps its strings in place as it grows: a short string holds its

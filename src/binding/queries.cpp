@@ -68,9 +68,18 @@ std::string checked(const Call& call, PyObject* root, PyObject* list) { return g
 std::string moment_text(const Call& call, PyObject* moment) {
     if (PyObject_TypeCheck(moment, reinterpret_cast<PyTypeObject*>(call.st->datetime_type))) {
         Moment m;
+        // Each field through datetime's own descriptor, as strftime reads it:
+        // a subclass that redefines `year` cannot hand over something else.
+        // The names are interned: the type's attribute cache keeps the name
+        // object of each lookup, and fresh ones would pile up there.
         auto field = [&](const char* name) {
-            Ref v = check(PyObject_GetAttrString(moment, name));
-            return static_cast<int>(PyLong_AsLong(v.get()));
+            Ref key = check(PyUnicode_InternFromString(name));
+            Ref descriptor = check(PyObject_GetAttr(call.st->datetime_type, key.get()));
+            descrgetfunc get = Py_TYPE(descriptor.get())->tp_descr_get;
+            Ref v = get ? check(get(descriptor.get(), moment, call.st->datetime_type)) : descriptor;
+            long value = PyLong_AsLong(v.get());
+            if (value == -1 && PyErr_Occurred()) throw PyErrSet{};
+            return static_cast<int>(value);
         };
         m.year = field("year");
         m.month = field("month");
@@ -317,7 +326,10 @@ Ref impl_log_commit_changes(const Call& call, PyObject* const* a) {
 
 Ref impl_path_batches(const Call& call, PyObject* const* a) {
     Ref budget_obj = Ref::borrow(call.lookup(_MAX_PATHSPEC_CHARS));
-    Ref seq = check(PySequence_Fast(a[0], "_path_batches() argument 'paths' must be a sequence of str"));
+    // A tuple of its own: len() of a path runs the host's code, which must
+    // not be able to free paths still to be batched.
+    Ref fast = check(PySequence_Fast(a[0], "_path_batches() argument 'paths' must be a sequence of str"));
+    Ref seq = check(PySequence_Tuple(fast.get()));
     Ref batches = check(PyList_New(0));
     Ref batch = check(PyList_New(0));
     check(PyList_Append(batches.get(), batch.get()));

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cmath>
 #include <optional>
 #include <cstring>
 
@@ -21,7 +22,11 @@ Ref args_sequence(PyObject* args) {
         PyErr_Format(PyExc_TypeError, "args must be a list of str, not %.100s", Py_TYPE(args)->tp_name);
         throw PyErrSet{};
     }
-    return check(PySequence_Fast(args, "args must be a list of str"));
+    // A tuple of its own: converting an element may run the host's code
+    // (__fspath__), which must not be able to shrink or free what is still
+    // to be read.
+    Ref fast = check(PySequence_Fast(args, "args must be a list of str"));
+    return check(PySequence_Tuple(fast.get()));
 }
 
 // What the host's options ask of the run.
@@ -192,14 +197,16 @@ Ref host_checked_output(const Call& call, PyObject* repo_root, PyObject* args) {
             PyErr_SetString(PyExc_ValueError, "too many values to unpack (expected 3)");
         throw PyErrSet{};
     }
-    PyObject* out = PySequence_Fast_GET_ITEM(seq.get(), 0);
-    PyObject* err = PySequence_Fast_GET_ITEM(seq.get(), 1);
-    PyObject* rc = PySequence_Fast_GET_ITEM(seq.get(), 2);
+    // Owned: comparing the code runs the host's code, which may change a
+    // list it returned.
+    Ref out = Ref::borrow(PySequence_Fast_GET_ITEM(seq.get(), 0));
+    Ref err = Ref::borrow(PySequence_Fast_GET_ITEM(seq.get(), 1));
+    Ref rc = Ref::borrow(PySequence_Fast_GET_ITEM(seq.get(), 2));
     Ref zero = check(PyLong_FromLong(0));
-    int failed = PyObject_RichCompareBool(rc, zero.get(), Py_NE);
+    int failed = PyObject_RichCompareBool(rc.get(), zero.get(), Py_NE);
     check(failed);
-    if (failed) raise_git_error(call, failure_message(err, rc).get());
-    return Ref::borrow(out);
+    if (failed) raise_git_error(call, failure_message(err.get(), rc.get()).get());
+    return out;
 }
 
 // Our own `_git_output` when our runner is in place: stdout as UTF-8.
@@ -237,6 +244,11 @@ NativeRun run_native(const Call& call, PyObject* repo_root, PyObject* args, PyOb
         } else {
             double seconds = PyFloat_AsDouble(timeout);
             if (seconds == -1.0 && PyErr_Occurred()) throw PyErrSet{};
+            // As subprocess.run and time.sleep refuse it: NaN names no time.
+            if (std::isnan(seconds)) {
+                PyErr_SetString(PyExc_ValueError, "timeout must be a number of seconds, not NaN");
+                throw PyErrSet{};
+            }
             options.timeout = seconds;
         }
         if (host.env && host.env.get() != Py_None) options.env = environment(host.env.get());

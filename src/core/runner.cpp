@@ -113,22 +113,60 @@ int pidfd_open(pid_t pid) {
 #endif
 }
 
-// Reads what is available on `fd` into `buf`; false at end of file.
-bool drain(int fd, std::string& buf, std::size_t& used) {
-    for (;;) {
-        if (buf.size() - used < 65536) buf.resize(std::max<std::size_t>(buf.size() * 2, used + 65536));
-        ssize_t n = ::read(fd, buf.data() + used, buf.size() - used);
-        if (n > 0) {
-            used += static_cast<std::size_t>(n);
-            if (static_cast<std::size_t>(n) < 65536) return true;  // likely empty now; let poll say
-            continue;
+// One output stream, collected in chunks. A growing contiguous buffer would
+// hold the old and the doubled copy at once (three times the output, for a
+// moment) and zero-fill capacity that is never used; chunks are written
+// once and joined at the end, each freed as soon as it is copied.
+class Collector {
+public:
+    // Reads what is available on `fd`; false at end of file.
+    bool drain(int fd) {
+        for (;;) {
+            if (chunks_.empty() || used_ == chunks_.back().size()) {
+                // 64 KiB first (most outputs fit, and are then taken without a
+                // copy), doubling up to 8 MiB per chunk.
+                std::size_t size = chunks_.empty() ? 65536 : std::min<std::size_t>(chunks_.back().size() * 2, 8 << 20);
+                chunks_.emplace_back(size, '\0');
+                used_ = 0;
+            }
+            std::string& chunk = chunks_.back();
+            const std::size_t room = chunk.size() - used_;
+            ssize_t n = ::read(fd, chunk.data() + used_, room);
+            if (n > 0) {
+                used_ += static_cast<std::size_t>(n);
+                if (static_cast<std::size_t>(n) < room) return true;  // likely empty now; let poll say
+                continue;
+            }
+            if (n == 0) return false;
+            if (errno == EINTR) continue;
+            if (errno == EAGAIN) return true;
+            return false;  // a read error ends this stream like end of file
         }
-        if (n == 0) return false;
-        if (errno == EINTR) continue;
-        if (errno == EAGAIN) return true;
-        return false;  // a read error ends this stream like end of file
     }
-}
+
+    // Everything read, as one string.
+    std::string take() {
+        if (chunks_.empty()) return {};
+        if (chunks_.size() == 1) {
+            chunks_[0].resize(used_);
+            return std::move(chunks_[0]);
+        }
+        std::size_t total = used_;
+        for (std::size_t i = 0; i + 1 < chunks_.size(); ++i) total += chunks_[i].size();
+        std::string all;
+        all.reserve(total);  // pages are touched only as they are written
+        for (std::size_t i = 0; i < chunks_.size(); ++i) {
+            all.append(chunks_[i].data(), i + 1 == chunks_.size() ? used_ : chunks_[i].size());
+            std::string().swap(chunks_[i]);
+        }
+        chunks_.clear();
+        return all;
+    }
+
+private:
+    std::vector<std::string> chunks_;
+    std::size_t used_ = 0;  // bytes filled in chunks_.back()
+};
 
 void kill_and_reap(pid_t pid) {
     ::kill(-pid, SIGKILL);  // git's process group: git and whatever it started
@@ -224,13 +262,15 @@ RunOutcome run_git_process(const std::vector<std::string>& args, const std::stri
     }
 
     Fd pidfd(pidfd_open(pid));
-    std::size_t out_used = 0, err_used = 0;
+    Collector out_collector, err_collector;
     bool out_open = true, err_open = true, exited = false;
     int status = 0;
     const bool limited = options.timeout.has_value();
+    // NaN and values below zero leave no time at all; beyond 1e9 s (31 years)
+    // the limit is cut so that the deadline stays representable.
+    const double seconds = limited && *options.timeout > 0 ? std::min(*options.timeout, 1e9) : 0.0;
     const auto deadline =
-        limited ? started + std::chrono::duration_cast<Clock::duration>(
-                                std::chrono::duration<double>(std::min(*options.timeout, 1e9)))
+        limited ? started + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds))
                 : Clock::time_point::max();
 
     for (;;) {
@@ -272,8 +312,8 @@ RunOutcome run_git_process(const std::vector<std::string>& args, const std::stri
             }
             continue;
         }
-        if (out_i >= 0 && fds[out_i].revents) out_open = drain(out_r.get(), outcome.out, out_used);
-        if (err_i >= 0 && fds[err_i].revents) err_open = drain(err_r.get(), outcome.err, err_used);
+        if (out_i >= 0 && fds[out_i].revents) out_open = out_collector.drain(out_r.get());
+        if (err_i >= 0 && fds[err_i].revents) err_open = err_collector.drain(err_r.get());
         if (pid_i >= 0 && fds[pid_i].revents) {
             pid_t r;
             while ((r = ::waitpid(pid, &status, 0)) < 0 && errno == EINTR) {
@@ -281,8 +321,8 @@ RunOutcome run_git_process(const std::vector<std::string>& args, const std::stri
             exited = true;
         }
     }
-    outcome.out.resize(out_used);
-    outcome.err.resize(err_used);
+    outcome.out = out_collector.take();
+    outcome.err = err_collector.take();
     outcome.returncode = exit_code(status);
     return outcome;
 }

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cmath>
 #include <thread>
 
 #include "utils/git_utils.hpp"
@@ -90,6 +91,35 @@ TEST(Runner, LargeOutputIsDrainedWhileStderrIsWrittenToo) {
     EXPECT_EQ(r.returncode, 0);
     EXPECT_EQ(r.out.size(), 8000000u);
     EXPECT_EQ(r.err.size(), 1000000u);
+}
+
+class RunnerOutputSize : public ::testing::TestWithParam<std::size_t> {};
+
+TEST_P(RunnerOutputSize, EveryByteArrivesInOrder) {
+    // Numbered lines, so a chunk joined twice, dropped or out of order shows.
+    std::string expected;
+    for (int i = 1; expected.size() < GetParam(); ++i) expected += std::to_string(i) + "\n";
+    expected.resize(GetParam());
+    auto r = run_git_command(".", {"-c", "alias.x=!seq 1 10000000 | head -c " + std::to_string(GetParam()), "x"});
+    EXPECT_EQ(r.returncode, 0);
+    EXPECT_EQ(r.out.size(), expected.size());
+    EXPECT_TRUE(r.out == expected);
+}
+
+// Around the sizes where the collector starts a new chunk (64 KiB, then
+// twice the last), and several chunks of the largest size.
+INSTANTIATE_TEST_SUITE_P(ChunkEdges, RunnerOutputSize,
+                         ::testing::Values(0, 1, 65535, 65536, 65537, 196608, 196609, 33 << 20));
+
+TEST(Runner, TimeLimitThatIsNotANumberOrNegativeExpiresAtOnce) {
+    for (double seconds : {std::nan(""), -1.0, -HUGE_VAL}) {
+        RunOptions options;
+        options.timeout = seconds;
+        EXPECT_EQ(run_git_process({"version"}, ".", options).status, RunStatus::TimedOut) << seconds;
+    }
+    RunOptions unlimited;
+    unlimited.timeout = HUGE_VAL;
+    EXPECT_EQ(run_git_process({"version"}, ".", unlimited).status, RunStatus::Exited);
 }
 
 TEST(Runner, TerminalStdinMakesIsattyTrue) {
