@@ -17,7 +17,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "utils/git_utils.hpp"
+#include "src/core/run.hpp"
 
 extern char** environ;
 
@@ -35,6 +35,11 @@ public:
     Fd& operator=(const Fd&) = delete;
     ~Fd() { reset(); }
     int get() const { return fd_; }
+    int release() {
+        int fd = fd_;
+        fd_ = -1;
+        return fd;
+    }
     void reset(int fd = -1) {
         if (fd_ >= 0) ::close(fd_);
         fd_ = fd;
@@ -60,7 +65,7 @@ struct SpawnSetup {
 
 void make_pipe(Fd& read_end, Fd& write_end) {
     int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) != 0) throw SpawnError(errno, "git");
+    if (::pipe2(fds, O_CLOEXEC) != 0) throw OsError(errno, "git");
     read_end.reset(fds[0]);
     write_end.reset(fds[1]);
 }
@@ -69,13 +74,13 @@ void make_pipe(Fd& read_end, Fd& write_end) {
 // slave never reports a hang-up; nothing is ever written to it).
 void open_terminal(Fd& master, Fd& slave) {
     master.reset(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
-    if (master.get() < 0) throw SpawnError(errno, "/dev/ptmx");
+    if (master.get() < 0) throw OsError(errno, "/dev/ptmx");
     char name[128];
     if (::grantpt(master.get()) != 0 || ::unlockpt(master.get()) != 0 ||
         ::ptsname_r(master.get(), name, sizeof name) != 0)
-        throw SpawnError(errno, "/dev/ptmx");
+        throw OsError(errno, "/dev/ptmx");
     slave.reset(::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC));
-    if (slave.get() < 0) throw SpawnError(errno, name);
+    if (slave.get() < 0) throw OsError(errno, name);
 }
 
 // "git" looked up on the PATH of `env` (as subprocess does when an
@@ -248,7 +253,7 @@ RunOutcome run_git_process(const std::vector<std::string>& args, const std::stri
             outcome.status = RunStatus::NotFound;
             return outcome;
         }
-        throw SpawnError(rc, failed_start_filename(cwd));
+        throw OsError(rc, failed_start_filename(cwd));
     }
     out_w.reset();
     err_w.reset();
@@ -327,36 +332,57 @@ RunOutcome run_git_process(const std::vector<std::string>& args, const std::stri
     return outcome;
 }
 
+SilentTerminal::SilentTerminal() {
+    Fd master, slave;
+    open_terminal(master, slave);
+    // End of file on the terminal (it starts in canonical mode), so a git that
+    // reads standard input does not wait for it.
+    const char eof = 0x04;
+    (void)!::write(master.get(), &eof, 1);
+    master_ = master.release();
+    slave_ = slave.release();
+}
+
+SilentTerminal::~SilentTerminal() {
+    if (slave_ >= 0) ::close(slave_);
+    if (master_ >= 0) ::close(master_);
+}
+
+GitResult timed_out_result() {
+    GitResult r;
+    r.err = TIMED_OUT_MESSAGE;
+    r.returncode = 1;
+    r.status = RunStatus::TimedOut;
+    return r;
+}
+
+GitResult not_found_result() {
+    GitResult r;
+    r.err = NOT_FOUND_MESSAGE;
+    r.returncode = 1;
+    r.status = RunStatus::NotFound;
+    return r;
+}
+
+namespace {
+// The native process; nothing is logged (the C++ library has no logger).
+struct NativeRunSteps {
+    const std::vector<std::string>& args;
+    const std::string& cwd;
+    RunOptions options;
+    RunOutcome start() { return run_git_process(args, cwd, options); }
+    void timed_out() {}
+    void not_found() {}
+    void failed(int, std::string_view) {}
+};
+}  // namespace
+
 GitResult run_git_command(const std::string& repo_root, const std::vector<std::string>& args,
                           std::optional<double> timeout, StdinMode stdin_mode) {
-    RunOptions options;
-    options.timeout = timeout;
-    options.stdin_mode = stdin_mode;
-    RunOutcome outcome = run_git_process(args, repo_root, options);
-    switch (outcome.status) {
-        case RunStatus::TimedOut:
-        case RunStatus::Interrupted:
-            return {"", std::string(TIMED_OUT_MESSAGE), 1};
-        case RunStatus::NotFound:
-            return {"", std::string(NOT_FOUND_MESSAGE), 1};
-        case RunStatus::Exited:
-            break;
-    }
-    decode_git_text(outcome.out);
-    decode_git_text(outcome.err);
-    return {std::move(outcome.out), std::move(outcome.err), outcome.returncode};
-}
-
-std::string git_error_message(std::string_view err, int returncode) {
-    std::string_view trimmed = strip(err);
-    if (!trimmed.empty()) return std::string(trimmed);
-    return "git exited with code " + std::to_string(returncode);
-}
-
-std::string git_output(const std::string& repo_root, const std::vector<std::string>& args) {
-    GitResult result = run_git_command(repo_root, args);
-    if (result.returncode != 0) throw GitError(git_error_message(result.err, result.returncode));
-    return std::move(result.out);
+    NativeRunSteps steps{args, repo_root, {}};
+    steps.options.timeout = timeout;
+    steps.options.stdin_mode = stdin_mode;
+    return run_with(steps);
 }
 
 }  // namespace git_utils

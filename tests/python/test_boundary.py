@@ -62,14 +62,14 @@ ROLES = {
     "parsed": {"default": TypeError, **{t: OK for t in TEXTS}},
     "period": {"default": TypeError, **{t: ValueError for t in TEXTS}},
     "plain": {"default": TypeError, **{t: OK for t in TEXTS}},
-    # A moment is written with its strftime.
-    "moment": {"default": AttributeError},
+    # A moment is a datetime.
+    "moment": {"default": TypeError},
     # A directory to walk up from: a name the system cannot represent is
     # absent, a name too long for it is its error.
     "lookup": {"default": TypeError, "bytes": OK, **{t: OK for t in TEXTS}, "10 MB": TOO_LONG,
                "100,000-char path": TOO_LONG},
-    # Written into --max-count=, where git reads what it can.
-    "count": {"default": OK, "NUL": ValueError, "lone surrogate": UnicodeEncodeError, "10 MB": TOO_BIG},
+    # An int, written into --max-count= (git reads a negative one as no limit).
+    "count": {"default": TypeError, "int": OK},
     "flag": {"default": OK},
     "seconds": {"default": TypeError, "None": OK, "int": OK, "inf": OK, "nan": ValueError,
                 "-inf": ("", "Command timed out", 1)},
@@ -79,10 +79,9 @@ ROLES = {
     "argv item": {"default": TypeError, "bytes": REFUSED, "str": REFUSED, "NUL": ValueError,
                   "lone surrogate": UnicodeEncodeError, "escaped byte": REFUSED, "10 MB": TOO_BIG,
                   "100,000-char path": REFUSED},
-    # Paths to limit a diff to: a str is a sequence of one-character paths,
-    # and no paths (None) mean no limit.
-    "paths": {"default": TypeError, "None": OK, "list": OK, "str": OK, "NUL": ValueError,
-              "lone surrogate": UnicodeEncodeError, "escaped byte": OK, "100,000-char path": REFUSED},
+    # Paths to limit a diff to (a str is refused, not taken for a sequence of
+    # one-character paths), and no paths (None) mean no limit.
+    "paths": {"default": TypeError, "None": OK, "list": OK},
     "paths item": {"default": TypeError, "bytes": OK, "str": OK, "NUL": ValueError,
                    "lone surrogate": UnicodeEncodeError, "escaped byte": OK, "10 MB": TOO_BIG,
                    "100,000-char path": OK},

@@ -93,19 +93,18 @@ def test_commit_changes(tokens, expected):
     assert [(c.timestamp, tuple(dataclasses.astuple(f) for f in c.files)) for c in result] == expected
 
 
-@pytest.mark.parametrize("stamp", ["", "abc", "1 2", "0x10", "--5", "5_", "1__0", "+", "1.0"])
-def test_bad_commit_time_fails_like_int(stamp):
-    with pytest.raises(ValueError) as expected:
-        int(stamp)
+# A time is an optional sign and decimal digits: int() would also take "1_0".
+@pytest.mark.parametrize("stamp", ["", "abc", "1 2", "0x10", "--5", "5_", "1__0", "+", "1.0", "1_0"])
+def test_bad_commit_time_fails_with_int_s_message(stamp):
     with pytest.raises(ValueError) as raised:
         g.parse_commit_changes("\0".join([RS + "1", "\n" + HEAD + "A", "a", RS + stamp, RS + "2", ""]))
-    assert str(raised.value) == str(expected.value)
+    assert str(raised.value) == f"invalid literal for int() with base 10: {stamp!r}"
 
 
-@pytest.mark.parametrize("stamp", ["1_700", "+17", "-17", "\u0661\u0667", " 17 "])
+@pytest.mark.parametrize("stamp", ["+17", "-17", "\u0661\u0667", " 17 ", "9" * 5000])
 def test_commit_time_is_read_as_python_int_reads_it(stamp):
     [commit] = g.parse_commit_changes(RS + stamp + "\0")
-    assert commit.timestamp == int(stamp)
+    assert commit.timestamp == int(stamp.strip()) if len(stamp) < 4000 else commit.timestamp == 10**5000 - 1
 
 
 # --- zero-context patches ------------------------------------------------------------------------
