@@ -98,9 +98,9 @@ def alloc_floor_module():
                "-o", str(so), str(ALLOC_FLOOR_SRC)]
         log(" ".join(cmd))
         subprocess.run(cmd, check=True)
-    spec = importlib.util.spec_from_file_location("alloc_floor", so)
-    module = importlib.util.module_from_spec(spec)
-    spec.loader.exec_module(module)
+    found = importlib.util.spec_from_file_location("alloc_floor", so)
+    module = importlib.util.module_from_spec(found)
+    found.loader.exec_module(module)
     return module
 
 

@@ -171,6 +171,18 @@ Ref token_list(std::string_view text, bool ascii) {
     return list.list();
 }
 
+// `parse_file_changes` with the module's own function, over a text held
+// alive by the caller: cut at every NUL, then `_file_changes`.
+Ref file_changes_of_view(const Call& call, std::string_view text, bool ascii) {
+    Ref inner = call.get(_file_changes);
+    if (!call.is_own(_file_changes, inner)) {
+        Ref tokens = token_list(text, ascii);
+        return check(PyObject_CallOneArg(inner.get(), tokens.get()));
+    }
+    const std::vector<std::string_view> tokens = split_nul(text);
+    return file_changes_of_tokens(call, tokens, text.size(), ascii);
+}
+
 // Hands each commit of a log to `_file_changes` as the call found it, and
 // makes its CommitChanges record (the lock is held throughout).
 class HostLogSink {
@@ -536,15 +548,7 @@ Ref file_changes_of(const Call& call, Text& text) {
         Ref str = text.object();
         return check(PyObject_CallOneArg(fn.get(), str.get()));
     }
-    const std::string_view view = text.view();
-    const bool ascii = text.ascii();
-    Ref inner = call.get(_file_changes);
-    if (!call.is_own(_file_changes, inner)) {
-        Ref tokens = token_list(view, ascii);
-        return check(PyObject_CallOneArg(inner.get(), tokens.get()));
-    }
-    const std::vector<std::string_view> tokens = split_nul(view);
-    return file_changes_of_tokens(call, tokens, view.size(), ascii);
+    return file_changes_of_view(call, text.view(), text.ascii());
 }
 
 Ref commit_changes_of(const Call& call, Text& text) {
@@ -569,15 +573,7 @@ Ref impl_parse_file_changes(const Call& call, PyObject* const* a) {
     require_str(a[0], "parse_file_changes", "output");
     Ref output = Ref::borrow(a[0]);
     std::string scratch;
-    const std::string_view view = utf8_view(output.get(), scratch);
-    const bool ascii = PyUnicode_IS_ASCII(output.get());
-    Ref inner = call.get(_file_changes);
-    if (!call.is_own(_file_changes, inner)) {
-        Ref tokens = token_list(view, ascii);
-        return check(PyObject_CallOneArg(inner.get(), tokens.get()));
-    }
-    const std::vector<std::string_view> tokens = split_nul(view);
-    return file_changes_of_tokens(call, tokens, view.size(), ascii);
+    return file_changes_of_view(call, utf8_view(output.get(), scratch), PyUnicode_IS_ASCII(output.get()));
 }
 
 Ref impl_file_changes(const Call& call, PyObject* const* a) {

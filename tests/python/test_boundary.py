@@ -5,8 +5,10 @@ code running in the middle of a call, which must not free what is being read."""
 
 import errno
 import faulthandler
+import gc
 import inspect
 import math
+import re
 import types
 import typing
 from datetime import datetime
@@ -14,6 +16,7 @@ from datetime import datetime
 import pytest
 
 from conftest import git
+from test_module import LOAD_ORDER, SIGNATURES
 from vantrel_sorlith.utils import git_utils as g
 
 HUGE = "m" * 10_000_000            # one 10 MB text
@@ -202,15 +205,281 @@ def test_bad_value(repo, name, param, value, expected):
 # --- the host's code in the middle of a call -------------------------------------------------------
 
 HEAD_RAW = ":100644 100644 1a2b3c4 5d6e7f8 "
+RAW = "\0".join([HEAD_RAW + "M", "a" * 40, "2\t1\t" + "a" * 40, HEAD_RAW + "R90", "o" * 30, "n" * 30, "1\t0\t",
+                  "o" * 30, "n" * 30, ""])
+LOG = "\x1e1700000000\0\n" + RAW + "\x1e1700000001\0\n" + RAW
+PATCH = '+++ "q\\tr \\303\\251"\t\n@@ -1,2 +3 @@\n-x\n-y\n+z\n+++ b\n@@ -0,0 +1,2 @@\n+1\n+2\n'
 
 
 def churn():
     """Allocate blocks of the sizes just freed, so that a stale read sees other bytes."""
-    return [("Z" * 2000 + str(i))[:2000] for i in range(2000)]
+    junk = [("Z" * 2000 + str(i))[:2000] for i in range(2000)]
+    gc.collect()
+    return junk
 
 
 def fresh(text):
     return (text + "!")[:-1]  # a str object of its own, not a shared constant
+
+
+class Rebinding:
+    """Stands in for a module name: each use rebinds the name to a fresh
+    stand-in (and churns memory) before doing what the original does, so a
+    call that held the name borrowed reads freed memory."""
+
+    def __init__(self, name, original):
+        self.name, self.original = name, original
+
+    def _use(self):
+        setattr(g, self.name, stand_in(self.name, self.original))
+        churn()
+        return self.original
+
+    def __call__(self, *args, **kwargs):
+        return self._use()(*args, **kwargs)
+
+    def __getattr__(self, attr):  # methods of patterns, the logger, subprocess, datetime
+        return getattr(self._use(), attr)
+
+    def __contains__(self, item):
+        return item in self._use()
+
+    def __getitem__(self, key):
+        return self._use()[key]
+
+    def __iter__(self):
+        return iter(self._use())
+
+    def __len__(self):
+        return len(self._use())
+
+    def __bool__(self):
+        return bool(self._use())
+
+    def get(self, *args):
+        return self._use().get(*args)
+
+
+def _authors(repo):
+    return g.get_authors_for_period(repo, "3650d")
+
+
+def _since(value):
+    moment = g.parse_time_spec(value)
+    return moment.replace(second=0, microsecond=0)  # two readings of the clock
+
+
+def _error(call):
+    try:
+        return call()
+    except Exception as e:  # noqa: BLE001 - the kind and message are the answer
+        return type(e).__name__, str(e)
+
+
+# Each name the host may replace, and a call that uses it.
+USES = {
+    "run_git_command": lambda repo: g.get_head_commit(repo),
+    "_git_output": lambda repo: g.diff_file_changes(repo, "main~1", "main"),
+    "get_subprocess_hidden_kwargs": lambda repo: g.run_git_command(repo, ["rev-parse", "HEAD"]),
+    "subprocess": lambda repo: g.run_git_command(repo, ["rev-parse", "HEAD"]),
+    "logger": lambda repo: g.run_git_command(repo, ["rev-parse", "--verify", "nowhere"]),
+    "GitError": lambda repo: _error(lambda: g._git_output(repo, ["rev-parse", "--verify", "nowhere"])),
+    "parse_file_changes": lambda repo: g.diff_file_changes(repo, "main~1", "main"),
+    "parse_commit_changes": lambda repo: g.log_commit_changes(repo, since=datetime(2000, 1, 1), ref=None, max_commits=5),
+    "parse_line_spans": lambda repo: g.diff_line_spans(repo, "main~1", "main", merge_base=False, diff_filter="AM"),
+    "_path_batches": lambda repo: g.diff_line_spans(repo, "main~1", "main", merge_base=False, paths=["a.txt", "b.txt"]),
+    "_PATCH_OPTIONS": lambda repo: g.diff_line_spans(repo, "main~1", "main", merge_base=False, diff_filter="AM"),
+    "_MAX_PATHSPEC_CHARS": lambda repo: g._path_batches(["a" * 10] * 5),
+    "parse_time_spec": _authors,
+    "_file_changes": lambda repo: g.parse_file_changes(RAW),
+    "_line_count": lambda repo: g.parse_file_changes(RAW),
+    "_TWO_PATH_LETTERS": lambda repo: g.parse_file_changes(RAW),
+    "_STATUS_BY_LETTER": lambda repo: g._file_changes(RAW.split("\0")),
+    "FileChange": lambda repo: g.parse_commit_changes(LOG),
+    "CommitChanges": lambda repo: g.parse_commit_changes(LOG),
+    "_COMMIT_START": lambda repo: g.parse_commit_changes(LOG),
+    "LineSpan": lambda repo: g.parse_line_spans(PATCH),
+    "_span": lambda repo: g.parse_line_spans(PATCH),
+    "_patch_path": lambda repo: g.parse_line_spans(PATCH),
+    "_unquote": lambda repo: g.parse_line_spans(PATCH),
+    "_C_ESCAPE": lambda repo: g._unquote("a\\tb\\303\\251"),
+    "_C_ESCAPES": lambda repo: g._unquote("a\\tb\\303\\251"),
+    "_HUNK_HEADER": lambda repo: g.parse_line_spans(PATCH),
+    "_RELATIVE_SPEC": lambda repo: _since("7d"),
+    "_SPEC_UNITS": lambda repo: _since("7d"),
+    "datetime": lambda repo: _since("7d"),
+    "timedelta": lambda repo: _since("7d"),
+    "TIME_SPEC_FORMS": lambda repo: _error(lambda: g.parse_time_spec("0d")),
+    "find_git_root": lambda repo: g.find_repo_root(),
+    "Path": lambda repo: g.find_git_root(repo),
+}
+
+
+def test_every_replaceable_name_is_in_the_table():
+    replaceable = {n for n in LOAD_ORDER if n not in ("re", "Sequence", "dataclass", "Any", "best_effort",
+                                                      "checked_out_branch", "resolve_display_branch",
+                                                      "normalize_branch_name", "find_repo_root")}
+    public = {n for n in replaceable if not callable(getattr(g, n)) or n in USES}
+    assert set(USES) <= replaceable and public - set(USES) <= {"logging"} | set(SIGNATURES) - set(USES)
+
+
+def stand_in(name, original):
+    """A stand-in for `name` of the original's own kind where the library
+    reads it as a value (a text, a number, the error class)."""
+    def rebind():
+        setattr(g, name, stand_in(name, original))
+        churn()
+
+    if isinstance(original, (str, int)):
+        class Value(type(original)):
+            def __str__(self):
+                rebind()
+                return type(original).__str__(self)
+
+            def __index__(self):
+                rebind()
+                return int(self)
+        return Value(original)
+    if isinstance(original, type) and issubclass(original, Exception):
+        class GitError(original):
+            def __init__(self, *args):
+                rebind()
+                super().__init__(*args)
+        return GitError
+    return Rebinding(name, original)
+
+
+@pytest.mark.parametrize("name", USES)
+def test_a_name_rebound_by_its_own_use(repo, module_state, monkeypatch, name):
+    monkeypatch.chdir(repo)
+    use = USES[name]
+    expected = use(repo)
+    setattr(g, name, stand_in(name, getattr(g, name)))
+    assert use(repo) == expected
+    assert use(repo) == expected  # and again with the stand-in it left behind
+
+
+# What the host's own code can do wrong, and what the caller then sees.
+class Raiser:
+    """A subprocess without TimeoutExpired whose run raises."""
+
+    @staticmethod
+    def run(*args, **kwargs):
+        raise RuntimeError("host run failed")
+
+
+def _gc_left_as_the_host_left_it(repo):
+    def disabling(*fields):
+        gc.disable()
+        return g.FileChange.__wrapped__(*fields) if hasattr(g.FileChange, "__wrapped__") else OWN_FILE_CHANGE(*fields)
+
+    g.FileChange = disabling
+    gc.enable()
+    g.parse_file_changes(RAW)
+    return gc.isenabled()
+
+
+def _no_list_with_holes(repo):
+    def scanning(*fields):
+        for o in gc.get_objects():
+            if type(o) is list:
+                for item in o:  # an empty slot would crash here
+                    pass
+        return OWN_FILE_CHANGE(*fields)
+
+    g.FileChange = scanning
+    return len(g.parse_file_changes(RAW))
+
+
+HOST_FAULTS = {
+    "subprocess.run raises, no TimeoutExpired": (
+        lambda repo: (setattr(g, "subprocess", Raiser), _error(lambda: g.run_git_command(repo, ["status"])))[1],
+        ("RuntimeError", "host run failed")),
+    "exit code beyond 64 bits": (
+        lambda repo: (setattr(g, "run_git_command", lambda r, a: ("", "", 2**70)),
+                      _error(lambda: g._git_output(repo, ["x"])))[1],
+        ("GitError", f"git exited with code {2**70}")),
+    "count beyond 64 bits": (
+        lambda repo: (setattr(g, "run_git_command", lambda r, a: ("9" * 30 + "\n", "", 0)),
+                      g.count_commits(repo, "a", "b"))[1],
+        10**30 - 1),
+    "exit code not an int": (
+        lambda repo: (setattr(g, "run_git_command", lambda r, a: ("", "", "0")), _error(lambda: g.get_head_commit(repo)))[1][0],
+        "TypeError"),
+    "triple of two": (
+        lambda repo: (setattr(g, "run_git_command", lambda r, a: ("", "")), _error(lambda: g.branch_exists(repo, "x")))[1][0],
+        "TypeError"),
+    "collector switched off by the host": (_gc_left_as_the_host_left_it, False),
+    "no list with empty slots": (_no_list_with_holes, 2),
+    "env items that are no pairs": (
+        lambda repo: (setattr(g, "get_subprocess_hidden_kwargs", lambda: {"env": BadEnv()}),
+                      _error(lambda: g.run_git_command(repo, ["status"])))[1][0],
+        "TypeError"),
+    "non-str option name": (
+        lambda repo: (setattr(g, "get_subprocess_hidden_kwargs", lambda: {1: 2}),
+                      _error(lambda: g.run_git_command(repo, ["status"])))[1][0],
+        "TypeError"),
+    "_git_output returns bytes": (
+        lambda repo: (setattr(g, "_git_output", lambda r, a: b""), _error(lambda: g.diff_file_changes(repo, "a", "b")))[1],
+        ("TypeError", "_git_output must return str, not bytes")),
+    "_MAX_PATHSPEC_CHARS a float": (
+        lambda repo: (setattr(g, "_MAX_PATHSPEC_CHARS", 10.5), _error(lambda: g._path_batches(["a"])))[1][0],
+        "TypeError"),
+}
+OWN_FILE_CHANGE = g.FileChange
+
+
+class BadEnv(dict):
+    def items(self):
+        return [("PATH",), 3]
+
+
+@pytest.mark.parametrize("fault", HOST_FAULTS)
+def test_host_faults_reach_the_caller_as_errors_of_their_own(repo, module_state, fault):
+    call, expected = HOST_FAULTS[fault]
+    try:
+        assert call(repo) == expected
+    finally:
+        gc.enable()
+
+
+# A str where a list is expected, and values of the wrong type, are refused
+# with the function and the parameter named.
+MISUSE = [
+    (lambda r: g.diff_line_spans(r, "a", "b", merge_base=True, paths="src/app.py"), "diff_line_spans() argument 'paths'"),
+    (lambda r: g.run_git_command(r, "status"), "run_git_command() argument 'args'"),
+    (lambda r: g._git_output(r, b"status"), "_git_output() argument 'args'"),
+    (lambda r: g.log_commit_changes(r, since="7d", ref=None, max_commits=5), "log_commit_changes() argument 'since'"),
+    (lambda r: g.log_commit_changes(r, since=datetime(2020, 1, 1), ref=None, max_commits="5"),
+     "log_commit_changes() argument 'max_commits'"),
+    (lambda r: g.commit_before(r, "main", "2020-01-01"), "commit_before() argument 'moment'"),
+    (lambda r: g.run_git_command(r, ["status"], timeout="30"), "run_git_command() argument 'timeout'"),
+    (lambda r: g.get_authors_for_period(r, 7), "get_authors_for_period() argument 'since'"),
+    (lambda r: g._file_changes("a\0b"), "_file_changes() argument 'tokens'"),
+]
+
+
+@pytest.mark.parametrize("call, named", MISUSE, ids=[m[1] for m in MISUSE])
+def test_misuse_names_function_and_parameter(repo, call, named):
+    with pytest.raises(TypeError, match=re.escape(named)):
+        call(repo)
+
+
+def test_function_attributes_stay_sound():
+    f = g.run_git_command
+    with pytest.raises(TypeError):
+        del f.__qualname__
+    with pytest.raises(TypeError):
+        f.__name__ = 5
+    doc = f.__doc__
+    f.__qualname__ = "renamed"
+    try:
+        with pytest.raises(TypeError, match=r"^renamed\(\) missing 2 required positional arguments"):
+            f()
+        del f.__doc__
+        assert f.__doc__ is None
+    finally:
+        f.__qualname__, f.__doc__ = "run_git_command", doc
 
 
 def test_fspath_that_empties_the_argument_list(repo):
@@ -238,35 +507,6 @@ def test_len_that_empties_the_paths():
     items = [Path_("a" * 1000)] + [fresh("b" * 1000) for _ in range(5)]
     paths = list(items)
     assert g._path_batches(paths) == [items]
-
-
-def test_status_table_that_empties_the_tokens(module_state):
-    class Table(dict):
-        def get(self, key, default=None):
-            tokens.clear()
-            junk.append(churn())
-            return dict.get(self, key, default)
-
-    junk = []
-    originals = [HEAD_RAW + "M", "pa" * 1000, HEAD_RAW + "R100", "old" * 700, "new" * 700, HEAD_RAW + "D", "q" * 3000]
-    expected = g._file_changes(originals)
-    tokens = [fresh(t) for t in originals]
-    module_state._STATUS_BY_LETTER = Table(g._STATUS_BY_LETTER)
-    assert g._file_changes(tokens) == expected
-
-
-def test_replaced_runner_whose_exit_code_empties_its_triple(module_state):
-    class Code(int):
-        def __ne__(self, other):
-            triple.clear()
-            churn()
-            return int(self) != other
-
-    triple = [fresh(""), fresh("fatal: " + "x" * 3000 + "\n"), Code(128)]
-    module_state.run_git_command = lambda root, args: triple
-    with pytest.raises(g.GitError) as info:
-        g._git_output("/r", ["x"])
-    assert str(info.value) == "fatal: " + "x" * 3000
 
 
 def test_datetime_subclass_is_written_from_its_own_fields(repo):
