@@ -230,18 +230,24 @@ private:
     bool sealed_;
 };
 
-// A list built from owned items only once they all exist, so that no list
-// with empty slots is ever visible to other code.
+// A list or tuple made one item at a time, so that no list or tuple with
+// empty slots is ever visible to other code: while Python code may run
+// between two items, the items are kept until they all exist; while none can
+// (`sealed`), they go straight into a sequence made beforehand with `size`
+// slots, which nobody else can reach yet.
 class ListBuilder {
 public:
+    ListBuilder() = default;
+    ListBuilder(bool sealed, bool tuple, std::size_t size);
     void reserve(std::size_t n) { items_.reserve(n); }
-    void add(Ref item) { items_.push_back(std::move(item)); }
-    std::size_t size() const { return items_.size(); }
+    void add(Ref item);
     Ref list();
     Ref tuple();
 
 private:
     std::vector<Ref> items_;
+    Ref made_;  // the sequence being filled, when sealed
+    Py_ssize_t filled_ = 0;
 };
 
 // Pauses the cyclic garbage collector while records are built, when no

@@ -226,7 +226,29 @@ Ref Text::object() {
     return str_;
 }
 
+ListBuilder::ListBuilder(bool sealed, bool tuple, std::size_t size) {
+    if (!sealed) {
+        items_.reserve(size);
+        return;
+    }
+    made_ = check(tuple ? PyTuple_New(static_cast<Py_ssize_t>(size)) : PyList_New(static_cast<Py_ssize_t>(size)));
+}
+
+void ListBuilder::add(Ref item) {
+    if (!made_) {
+        items_.push_back(std::move(item));
+        return;
+    }
+    // Room was made for every item; an empty slot left by an error on the
+    // way is released as empty by the sequence's deallocator.
+    if (PyTuple_Check(made_.get()))
+        PyTuple_SET_ITEM(made_.get(), filled_++, item.release());
+    else
+        PyList_SET_ITEM(made_.get(), filled_++, item.release());
+}
+
 Ref ListBuilder::list() {
+    if (made_) return std::move(made_);
     Ref list = check(PyList_New(static_cast<Py_ssize_t>(items_.size())));
     for (std::size_t i = 0; i < items_.size(); ++i)
         PyList_SET_ITEM(list.get(), static_cast<Py_ssize_t>(i), items_[i].release());
@@ -235,6 +257,7 @@ Ref ListBuilder::list() {
 }
 
 Ref ListBuilder::tuple() {
+    if (made_) return std::move(made_);
     Ref tuple = check(PyTuple_New(static_cast<Py_ssize_t>(items_.size())));
     for (std::size_t i = 0; i < items_.size(); ++i)
         PyTuple_SET_ITEM(tuple.get(), static_cast<Py_ssize_t>(i), items_[i].release());

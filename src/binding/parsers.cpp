@@ -140,8 +140,7 @@ private:
 template <class Entries>
 Ref file_change_list(FileChangeBuilder& builder, const Entries& entries) {
     GcPause pause(builder.sealed());
-    ListBuilder list;
-    list.reserve(entries.size());
+    ListBuilder list(builder.sealed(), false, entries.size());
     for (const auto& e : entries) list.add(builder.make(e));
     return list.list();
 }
@@ -238,13 +237,12 @@ Ref commit_changes_of_view(const Call& call, std::string_view text, bool ascii) 
         without_gil(text.size() >= kReleaseThreshold, [&] { log = commit_log(text, start); });
         FileChangeBuilder builder(call, ascii);
         RecordMaker maker(call, COMMIT_CHANGES);
-        GcPause pause(builder.sealed() && maker.sealed());
-        ListBuilder commits;
-        commits.reserve(log.commits.size());
+        const bool sealed = builder.sealed() && maker.sealed();
+        GcPause pause(sealed);
+        ListBuilder commits(sealed, false, log.commits.size());
         for (const CommitEntry& c : log.commits) {
             Ref timestamp = int_from_decimal(c.time);
-            ListBuilder files;
-            files.reserve(c.file_count);
+            ListBuilder files(sealed, true, c.file_count);
             for (const auto& f : log.files_of(c)) files.add(builder.make(f));
             Ref tuple = files.tuple();
             PyObject* values[2] = {timestamp.get(), tuple.get()};
@@ -518,8 +516,7 @@ Ref line_spans_of_view(const Call& call, std::string_view text) {
             GcPause pause(maker.sealed());
             Ref result = check(PyDict_New());
             for (const auto& [path, list] : spans.spans) {
-                ListBuilder records;
-                records.reserve(list.size());
+                ListBuilder records(maker.sealed(), false, list.size());
                 for (const git_utils::LineSpan& s : list) {
                     Ref start = check(PyLong_FromLongLong(s.start));
                     Ref end = s.end == s.start ? start : check(PyLong_FromLongLong(s.end));

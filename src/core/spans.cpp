@@ -58,7 +58,10 @@ public:
         return names_.size() - 1;
     }
     static bool present(Path p) { return p != kNoValue; }
-    static bool hunk_header(std::string_view line, Hunk<Decimal>& h) { return match_hunk_header(line, h); }
+    static bool hunk_header(std::string_view line, Hunk<Decimal>& h) {
+        // Most lines outside hunks are file headers: skip them without a call.
+        return !line.empty() && line[0] == '@' && match_hunk_header(line, h);
+    }
 
     void hunk(Path p, const Hunk<Decimal>& h) {
         std::size_t& group = groups_[p];

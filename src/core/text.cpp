@@ -279,6 +279,21 @@ bool read_digits(std::string_view text, std::size_t pos, std::uint64_t limit, st
 DecimalInteger read_decimal_integer(std::string_view text) {
     DecimalInteger d;
     d.text = text;
+    // What git writes: up to 18 ASCII digits, read inline.
+    if (!text.empty() && text.size() <= 18) {
+        std::int64_t value = 0;
+        std::size_t i = 0;
+        for (; i < text.size(); ++i) {
+            const unsigned c = static_cast<unsigned char>(text[i]) - '0';
+            if (c > 9) break;
+            value = value * 10 + c;
+        }
+        if (i == text.size()) {
+            d.value = value;
+            d.valid = true;
+            return d;
+        }
+    }
     std::size_t pos = 0;
     const bool negative = !text.empty() && text[0] == '-';
     if (!text.empty() && (text[0] == '+' || text[0] == '-')) ++pos;
