@@ -5,7 +5,6 @@
 
 #include <structmember.h>
 
-#include <cctype>
 #include <cstring>
 #include <new>
 
@@ -167,83 +166,6 @@ PyObject* default_object(State* st, Default d) {
     }
     return nullptr;
 }
-
-// Evaluates a type expression such as "list[dict[str, Any]]" or "Path | None"
-// against builtins and the module namespace, as annotations are evaluated when
-// a Python module defines its functions.
-class TypeExpr {
-public:
-    TypeExpr(PyObject* ns, const char* text) : ns_(ns), p_(text) {}
-    Ref parse() {
-        Ref left = primary();
-        while (skip(), *p_ == '|') {
-            ++p_;
-            Ref right = primary();
-            left = check(PyNumber_Or(left.get(), right.get()));
-        }
-        return left;
-    }
-
-private:
-    void skip() {
-        while (*p_ == ' ') ++p_;
-    }
-    Ref primary() {
-        skip();
-        if (std::strncmp(p_, "...", 3) == 0) {
-            p_ += 3;
-            return Ref::borrow(Py_Ellipsis);
-        }
-        const char* start = p_;
-        while (*p_ && (std::isalnum(static_cast<unsigned char>(*p_)) || *p_ == '_')) ++p_;
-        std::string name(start, p_);
-        Ref obj = resolve(name);
-        skip();
-        if (*p_ == '[') {
-            ++p_;
-            std::vector<Ref> items;
-            for (;;) {
-                items.push_back(parse());
-                skip();
-                if (*p_ == ',') {
-                    ++p_;
-                    continue;
-                }
-                if (*p_ == ']') {
-                    ++p_;
-                    break;
-                }
-                PyErr_Format(PyExc_SystemError, "bad type expression near '%s'", p_);
-                throw PyErrSet{};
-            }
-            Ref key;
-            if (items.size() == 1) {
-                key = items[0];
-            } else {
-                key = check(PyTuple_New(static_cast<Py_ssize_t>(items.size())));
-                for (std::size_t i = 0; i < items.size(); ++i)
-                    PyTuple_SET_ITEM(key.get(), static_cast<Py_ssize_t>(i), Ref(items[i]).release());
-            }
-            obj = check(PyObject_GetItem(obj.get(), key.get()));
-        }
-        return obj;
-    }
-    Ref resolve(const std::string& name) {
-        if (name == "None") return Ref::borrow(Py_None);
-        PyObject* o = PyDict_GetItemString(ns_, name.c_str());
-        if (o) return Ref::borrow(o);
-        PyObject* builtins = PyEval_GetBuiltins();
-        o = builtins ? PyDict_GetItemString(builtins, name.c_str()) : nullptr;
-        if (!o) {
-            PyErr_Format(PyExc_NameError, "name '%s' is not defined", name.c_str());
-            throw PyErrSet{};
-        }
-        return Ref::borrow(o);
-    }
-
-    PyObject* ns_;
-    const char* p_;
-};
 
 PyObject* get_signature(PyObject* self, void*) {
     auto* f = reinterpret_cast<FunctionObject*>(self);
@@ -415,7 +337,13 @@ PyType_Spec function_spec = {
 
 }  // namespace
 
-Ref eval_type(PyObject* ns, const char* expr) { return TypeExpr(ns, expr).parse(); }
+Ref eval_type(PyObject* ns, const char* expr) {
+    // As Python evaluates an annotation when it defines a function: in the
+    // module's namespace, with its builtins.
+    if (!PyDict_GetItemString(ns, "__builtins__"))
+        check(PyDict_SetItemString(ns, "__builtins__", PyEval_GetBuiltins()));
+    return check(PyRun_String(expr, Py_eval_input, ns, ns));
+}
 
 PyTypeObject* make_function_type(PyObject* module) {
     return reinterpret_cast<PyTypeObject*>(PyType_FromModuleAndSpec(module, &function_spec, nullptr));
@@ -457,10 +385,10 @@ Ref make_function(PyObject* module, const FunctionDef& def) {
     Ref annotations = check(PyDict_New());
     for (const auto& p : def.params) {
         if (!p.annotation) continue;
-        Ref ann = TypeExpr(ns, p.annotation).parse();
+        Ref ann = eval_type(ns, p.annotation);
         check(PyDict_SetItemString(annotations.get(), p.name, ann.get()));
     }
-    if (def.returns) check(PyDict_SetItemString(annotations.get(), "return", TypeExpr(ns, def.returns).parse().get()));
+    if (def.returns) check(PyDict_SetItemString(annotations.get(), "return", eval_type(ns, def.returns).get()));
 
     // __defaults__ / __kwdefaults__ as a Python function would carry them.
     std::vector<PyObject*> pos_defaults;
