@@ -432,32 +432,37 @@ public:
     Path patch_path(std::string_view text) { return patch_path_through_namespace(call_, text); }
     static bool present(const Path& p) { return p.get() != Py_None; }
 
-    bool hunk_header(std::string_view line, Hunk<Ref>& h) {
+    bool hunk_header(std::string_view line, HunkHeader<Ref>& h) {
         if (!header_) {
-            Hunk<Decimal> d;
+            HunkHeader<Decimal> d;
             if (!match_hunk_header(line, d)) return false;
-            h.old_count = int_from_decimal(d.old_count);
             h.start = int_from_decimal(d.start);
-            h.new_count = int_from_decimal(d.new_count);
-            h.old_left = d.old_left;
-            h.new_left = d.new_left;
+            if (d.old_count) h.old_count = int_from_decimal(*d.old_count);
+            if (d.new_count) h.new_count = int_from_decimal(*d.new_count);
             return true;
         }
         Ref text = str_from_utf8(line);
         Ref m = check(PyObject_CallMethod(header_.get(), "match", "O", text.get()));
         if (m.get() == Py_None) return false;
         h.old_count = group_number(m, 1);
-        h.start = group_number(m, 2);
+        std::optional<Ref> start = group_number(m, 2);
+        h.start = start ? std::move(*start) : check(PyNumber_Long(Py_None));  // int(None): its TypeError
         h.new_count = group_number(m, 3);
-        h.old_left = counter(h.old_count);
-        h.new_left = counter(h.new_count);
         return true;
     }
+    static Ref one() { return check(PyLong_FromLong(1)); }
+    // A count as a line counter: values beyond 64 bits are never counted down.
+    static std::int64_t counter(const Ref& n) {
+        int overflow = 0;
+        const long long v = PyLong_AsLongLongAndOverflow(n.get(), &overflow);
+        if (v == -1 && PyErr_Occurred()) throw PyErrSet{};
+        return overflow > 0 ? INT64_MAX : overflow < 0 ? INT64_MIN : v;
+    }
 
-    void hunk(const Path& path, Hunk<Ref>& h) {
-        Ref span = span_ ? check(PyObject_CallFunctionObjArgs(span_.get(), h.start.get(), h.new_count.get(),
-                                                               h.old_count.get(), nullptr))
-                         : own_span(call_, h.start, h.new_count, h.old_count);
+    void hunk(const Path& path, const Ref& start, const Ref& new_count, const Ref& old_count) {
+        Ref span = span_ ? check(PyObject_CallFunctionObjArgs(span_.get(), start.get(), new_count.get(),
+                                                               old_count.get(), nullptr))
+                         : own_span(call_, start, new_count, old_count);
         // The list is taken (owned) before anything else can run.
         Ref list = Ref::borrow(PyDict_GetItemWithError(result_.get(), path.get()));
         if (!list) {
@@ -471,10 +476,10 @@ public:
     Ref result() { return result_; }
 
 private:
-    // A group of the header's match as int(), or 1 when it did not take part.
-    static Ref group_number(const Ref& m, int group) {
+    // A group of the header's match as int(); none when it did not take part.
+    static std::optional<Ref> group_number(const Ref& m, int group) {
         Ref g = check(PyObject_CallMethod(m.get(), "group", "i", group));
-        if (g.get() == Py_None) return check(PyLong_FromLong(1));
+        if (g.get() == Py_None) return std::nullopt;
         if (PyUnicode_Check(g.get())) {
             std::string scratch;
             const std::string_view digits = utf8_view(g.get(), scratch);
@@ -483,14 +488,6 @@ private:
         }
         return check(PyNumber_Long(g.get()));  // int()'s own reading, and its error
     }
-    // A count as a line counter: values beyond 64 bits are never counted down.
-    static std::int64_t counter(const Ref& n) {
-        int overflow = 0;
-        const long long v = PyLong_AsLongLongAndOverflow(n.get(), &overflow);
-        if (v == -1 && PyErr_Occurred()) throw PyErrSet{};
-        return overflow > 0 ? INT64_MAX : overflow < 0 ? INT64_MIN : v;
-    }
-
     const Call& call_;
     Ref header_;
     Ref span_;

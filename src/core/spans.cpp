@@ -58,22 +58,24 @@ public:
         return names_.size() - 1;
     }
     static bool present(Path p) { return p != kNoValue; }
-    static bool hunk_header(std::string_view line, Hunk<Decimal>& h) {
+    static bool hunk_header(std::string_view line, HunkHeader<Decimal>& h) {
         // Most lines outside hunks are file headers: skip them without a call.
         return !line.empty() && line[0] == '@' && match_hunk_header(line, h);
     }
+    static Decimal one() { return Decimal{{}, 1}; }
+    static std::int64_t counter(const Decimal& d) { return saturated(d); }
 
-    void hunk(Path p, const Hunk<Decimal>& h) {
+    void hunk(Path p, const Decimal& start, const Decimal& new_count, const Decimal& old_count) {
         std::size_t& group = groups_[p];
         if (group == kUnset) {
             auto [it, inserted] = by_name_.try_emplace(names_[p], out_.spans.size());
             if (inserted) out_.spans.emplace_back(names_[p], std::vector<LineSpan>());
             group = it->second;
         }
-        if (!h.start.fits || !h.new_count.fits || !h.old_count.fits || h.start.value > (kInt64Max >> 1) ||
-            h.new_count.value > (kInt64Max >> 1))
+        if (!start.fits || !new_count.fits || !old_count.fits || start.value > (kInt64Max >> 1) ||
+            new_count.value > (kInt64Max >> 1))
             out_.exact = false;
-        const SpanOf<Saturating> s = span_of<Saturating>(saturated(h.start), saturated(h.new_count), saturated(h.old_count));
+        const SpanOf<Saturating> s = span_of<Saturating>(saturated(start), saturated(new_count), saturated(old_count));
         out_.spans[group].second.push_back(LineSpan{s.start.v, s.end.v, s.added});
     }
 
@@ -88,28 +90,25 @@ private:
 
 }  // namespace
 
-bool match_hunk_header(std::string_view line, Hunk<Decimal>& hunk) {
+bool match_hunk_header(std::string_view line, HunkHeader<Decimal>& header) {
     if (line.size() < 4 || std::memcmp(line.data(), "@@ -", 4) != 0) return false;
     std::size_t pos = 4;
-    Decimal old_start;
-    if (!read_number(line, pos, old_start)) return false;
-    hunk.old_count = Decimal{{}, 1};
+    Decimal number;
+    if (!read_number(line, pos, number)) return false;  // the older side's start, unused
     if (pos < line.size() && line[pos] == ',') {
         ++pos;
-        if (!read_number(line, pos, hunk.old_count)) return false;
+        if (!read_number(line, pos, number)) return false;
+        header.old_count = number;
     }
     if (line.size() - pos < 2 || line[pos] != ' ' || line[pos + 1] != '+') return false;
     pos += 2;
-    if (!read_number(line, pos, hunk.start)) return false;
-    hunk.new_count = Decimal{{}, 1};
+    if (!read_number(line, pos, header.start)) return false;
     if (pos < line.size() && line[pos] == ',') {
         ++pos;
-        if (!read_number(line, pos, hunk.new_count)) return false;
+        if (!read_number(line, pos, number)) return false;
+        header.new_count = number;
     }
-    if (line.size() - pos < 3 || std::memcmp(line.data() + pos, " @@", 3) != 0) return false;
-    hunk.old_left = saturated(hunk.old_count);
-    hunk.new_left = saturated(hunk.new_count);
-    return true;
+    return line.size() - pos >= 3 && std::memcmp(line.data() + pos, " @@", 3) == 0;
 }
 
 char octal_escape_byte(std::string_view code) {

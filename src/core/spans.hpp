@@ -23,33 +23,31 @@
 
 namespace git_utils {
 
-// One hunk header: its three numbers as the header step made them, and the
-// lines of the hunk still expected on each side (for counting them off).
+// One hunk header as matched: the newer side's start, and the two counts
+// when the header writes them.
 template <class Number>
-struct Hunk {
-    Number old_count{};
+struct HunkHeader {
     Number start{};
-    Number new_count{};
-    std::int64_t old_left = 0;
-    std::int64_t new_left = 0;
+    std::optional<Number> old_count;
+    std::optional<Number> new_count;
 };
 
 // The hunk header as a regular expression, for the host: \d is any Unicode
 // decimal digit, and the match need not reach the end of the line.
 inline constexpr const char* HUNK_HEADER_PATTERN = "@@ -\\d+(?:,(\\d+))? \\+(\\d+)(?:,(\\d+))? @@";
 
-// Matches HUNK_HEADER_PATTERN at the start of `line`
-// (anything may follow), \d being any Unicode decimal digit. Absent counts
-// are 1. Numbers beyond 64 bits keep `fits` false and count as the largest
-// 64-bit value for the counters (a count that large is never counted down).
-bool match_hunk_header(std::string_view line, Hunk<Decimal>& hunk);
+// Matches HUNK_HEADER_PATTERN at the start of `line` (anything may follow).
+bool match_hunk_header(std::string_view line, HunkHeader<Decimal>& header);
 
 // The patch, line by line. `Steps` provides:
+//   using Number;                                     // a number of a hunk header
 //   using Path;                                       // what a "+++ " line names
 //   Path patch_path(std::string_view text);           // from the text after "+++ "
 //   bool present(const Path&);                        // whether the name has a value
-//   bool hunk_header(std::string_view line, Hunk<Number>&);  // match; fills numbers and counters
-//   void hunk(const Path&, Hunk<Number>&);           // a hunk of a file that has a newer side
+//   bool hunk_header(std::string_view line, HunkHeader<Number>&);  // whether the line is one
+//   Number one();                                     // the count a header leaves out
+//   std::int64_t counter(const Number&);              // a count as lines to count off
+//   void hunk(const Path&, const Number& start, const Number& new_count, const Number& old_count);
 template <class Steps>
 void scan_patch(Steps& steps, std::string_view patch) {
     using Path = typename Steps::Path;
@@ -79,13 +77,16 @@ void scan_patch(Steps& steps, std::string_view patch) {
         } else if (line.size() >= 4 && std::memcmp(line.data(), "+++ ", 4) == 0) {
             path = steps.patch_path(line.substr(4));
         } else {
-            Hunk<Number> hunk;
-            if (steps.hunk_header(line, hunk)) {
-                old_left = hunk.old_left;
-                new_left = hunk.new_left;
+            HunkHeader<Number> header;
+            if (steps.hunk_header(line, header)) {
+                // A count the header leaves out is 1.
+                const Number old_count = header.old_count ? std::move(*header.old_count) : steps.one();
+                const Number new_count = header.new_count ? std::move(*header.new_count) : steps.one();
+                old_left = steps.counter(old_count);
+                new_left = steps.counter(new_count);
                 // A deleted file ("+++ /dev/null") and a hunk before any "+++ "
                 // line record nothing; their lines are still counted off.
-                if (path && steps.present(*path)) steps.hunk(*path, hunk);
+                if (path && steps.present(*path)) steps.hunk(*path, header.start, new_count, old_count);
             }
         }
 
