@@ -211,7 +211,10 @@ def test_threads_over_rounds_agree_and_leave_nothing_behind(repo, tmp_path, monk
     assert median_growth("blocks") < per_round / 20, rounds
     if rounds[0]["malloc"] is not None:
         assert median_growth("malloc") < per_round * 8, rounds
-    assert rounds[-1]["rss"] - rounds[1]["rss"] < 8 << 20, rounds
+    # (Not under AddressSanitizer, whose quarantine and per-thread caches keep
+    # freed blocks mapped; its leak check covers that run.)
+    if "libasan" not in os.environ.get("LD_PRELOAD", ""):
+        assert rounds[-1]["rss"] - rounds[1]["rss"] < 8 << 20, rounds
 
 
 GIB = 1 << 30
