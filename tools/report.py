@@ -10,6 +10,7 @@ commits of the period.
 
 import argparse
 import json
+import os
 import shutil
 import sys
 import threading
@@ -79,6 +80,8 @@ def parse_args(argv):
 
 def main(argv=None):
     args = parse_args(argv)
+    # A terminal whose encoding cannot show a name gets escapes, not a traceback.
+    sys.stdout.reconfigure(errors="backslashreplace")
     set_read_only_environment()
     progress = Progress(enabled=not args.json)
     try:
@@ -96,13 +99,17 @@ def main(argv=None):
         return 1
     finally:
         progress.done()
-    if args.json:
-        # ASCII only: no control or bidirectional character reaches a terminal raw.
-        json.dump(doc, sys.stdout, indent=2, ensure_ascii=True)
-        print()
-    else:
-        columns = max(60, shutil.get_terminal_size((100, 24)).columns)
-        sys.stdout.write(render(doc, columns, args.files))
+    try:
+        if args.json:
+            # ASCII only: no control or bidirectional character reaches a terminal raw.
+            json.dump(doc, sys.stdout, indent=2, ensure_ascii=True)
+            print()
+        else:
+            columns = max(60, shutil.get_terminal_size((100, 24)).columns)
+            sys.stdout.write(render(doc, columns, args.files))
+        sys.stdout.flush()
+    except BrokenPipeError:  # the reader (head, less) stopped early: not an error of the report
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
     return 0
 
 

@@ -8,6 +8,7 @@ separators, porcelain v2) so that names with any byte survive.
 
 import os
 from concurrent.futures import ThreadPoolExecutor
+from datetime import datetime
 from dataclasses import dataclass
 from pathlib import Path
 
@@ -19,7 +20,7 @@ SCHEMA = 1
 
 # One commit line: NUL after every field, so that no name or subject can
 # shift the fields; git ends each record with a line feed after the last NUL.
-_COMMIT_FIELDS = ("id", "short", "author", "email", "timestamp", "date", "parents", "subject")
+_COMMIT_FIELDS = ("id", "short", "author", "email", "timestamp", "author_date", "parents", "subject")
 _COMMIT_FORMAT = "--format=" + "%x00".join(("%H", "%h", "%an", "%ae", "%ct", "%aI", "%P", "%s")) + "%x00"
 
 
@@ -174,7 +175,6 @@ def _base_section(pool, root, head, default, shallow, span_files, notes):
     left it. Changed-line spans for the first SPAN_FILES files, or all when 0."""
     found = resolve_base(root, default)
     if found is None:
-        notes.append(f"the default branch {default} exists neither here nor as origin/{default}: nothing to compare with")
         return None, []
     name, kind, commit = found
     ahead = pool.submit(g.count_commits, root, commit, head)
@@ -275,7 +275,7 @@ def gather(repo, since_spec, since, max_commits, span_files=0, progress=lambda l
             doc["base"], doc["changes"] = _base_section(pool, root, head, default, repo.shallow, span_files, notes)
             progress("reading history")
             doc["head"] = head_line.result()[0]
-            doc["latest_commit_date"] = doc["head"]["date"]
+            doc["latest_commit_date"] = iso_local(datetime.fromtimestamp(doc["head"]["timestamp"]))
             doc["authors"] = authors.result()
             doc["commits_in_period"] = sum(a["commits"] for a in doc["authors"])
             doc["commits"] = commits.result() if commits else []

@@ -53,7 +53,7 @@ def _header(doc, columns):
     base = doc["base"]
     default = visible(doc["default_branch"])
     if head is not None and base is None:
-        out.append(line("Base", f"none (default branch {default} not found)"))
+        out.append(line("Base", f"none: the default branch {default} exists neither here nor as origin/{default}"))
     elif base is not None and base["kind"] == "local" and base["name"] == doc["branch"]:
         out.append(line("Base", f"{default}: this branch is the default branch"))
     elif base is not None:
@@ -111,18 +111,19 @@ def _authors(doc, columns):
     return out
 
 
-def _commits(doc, columns, now=None):
+def _commits(doc, columns):
     total = max(doc["commits_in_period"], len(doc["commits"]))
     if doc["head"] is None:
         return [f"Commits since {since_text(doc)}: none (no commits yet)"]
     if total == 0:
         latest = doc["head"]["timestamp"]
-        days = int(((now or time.time()) - latest) // 86400)
+        days = int((time.time() - latest) // 86400)
         return [
             f"Commits since {since_text(doc)}: none. The latest commit is from {when(latest)}"
             f" ({plural(days, 'day')} ago); widen the period, for example --since {days + 1}d"
         ]
-    out = [f"Commits since {since_text(doc)}: {total:,}" + (f", the latest {len(doc['commits'])}" if len(doc["commits"]) < total else "")]
+    shown = len(doc["commits"])
+    out = [f"Commits since {since_text(doc)}: {total:,}" + (f", the latest {shown}" if 0 < shown < total else "")]
     if not doc["commits"]:
         return out
     aw = min(18, max(width(fit(c["author"], 18, middle=False)) for c in doc["commits"]))
