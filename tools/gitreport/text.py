@@ -48,8 +48,8 @@ def _header(doc, columns):
     if head is None:
         out.append(line("HEAD", "no commits yet"))
     else:
-        text = f"{head['short']}  {when(head['timestamp'])}  {visible(head['author'])}  "
-        out.append(line("HEAD", text + fit(head["subject"], columns - LABEL - width(text), middle=False)))
+        text = f"{head['short']}  {when(head['timestamp'])}  {fit(head['author'], 30, middle=False)}  "
+        out.append(line("HEAD", text + fit(head["subject"], max(10, columns - LABEL - width(text)), middle=False)))
     base = doc["base"]
     default = visible(doc["default_branch"])
     if head is not None and base is None:
@@ -89,9 +89,9 @@ def _changes(doc, columns, max_files):
     for c in shown:
         if c["old_path"] is None:
             paths.append(fit(c["path"], room, quoted=True))
-        else:  # each side gets half the room, so both ends of both names stay visible
-            half = (room - 4) // 2
-            paths.append(f"{fit(c['old_path'], half, quoted=True)} -> {fit(c['path'], room - 4 - half, quoted=True)}")
+        else:  # the old name gets at most half the room, so both ends of both names stay visible
+            old = fit(c["old_path"], (room - 4) // 2, quoted=True)
+            paths.append(f"{old} -> {fit(c['path'], room - 4 - width(old), quoted=True)}")
     pw = max(width(p) for p in paths)
     out.append(f"  {'status':<{STATUS}}{'+':>{COUNT}}{'-':>{COUNT}}  {pad('path', pw)}  lines (newer side)")
     for c, p in zip(shown, paths):
