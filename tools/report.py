@@ -1,25 +1,29 @@
-"""A report on a git repository, as the host application shows it.
+"""A report on a git repository, as a developer reads it every day.
 
-    scripts/report [PATH] [--since WHEN] [--commits N] [--json]
+    scripts/report [PATH] [--since WHEN] [--commits N] [--files N] [--json]
 
-Root, current and default branch, HEAD, commits ahead of the default branch,
-files changed since leaving it (kinds, line counts, changed-line spans),
-authors of the period and the latest commits with their file counts.
+Where HEAD is and how far it is from the default branch and its upstream, the
+state of the working tree, the files the branch changed since it left the
+default branch (kinds, line counts, changed lines), and the authors and
+commits of the period.
 """
 
 import argparse
-import dataclasses
 import json
+import os
+import shutil
 import sys
 import threading
 import time
-from pathlib import Path
 
 from vantrel_sorlith.utils import git_utils as g
 
+from gitreport.gather import ReportError, gather, locate, set_read_only_environment
+from gitreport.text import render
+
 
 class Progress:
-    """Shows what is running on stderr when a step takes longer than a second."""
+    """Shows on stderr what is running when a step takes longer than a second."""
 
     def __init__(self, enabled):
         self.enabled = enabled and sys.stderr.isatty()
@@ -47,98 +51,65 @@ class Progress:
             sys.stderr.write("\r" + " " * 60 + "\r")
 
 
-def gather(root, since_spec, max_commits, progress):
-    since = g.parse_time_spec(since_spec)
-    progress.step("reading branches")
-    default = g.get_default_branch(root)
-    current = g.checked_out_branch(root)
-    head = g.get_head_commit(root)
-    report = {
-        "root": str(root),
-        "branch": current,
-        "default_branch": default,
-        "head": head,
-        "since": since.isoformat(sep=" ", timespec="seconds"),
-    }
-    has_base = head is not None and g.resolve_commit(root, default) is not None
-    report["ahead"] = g.count_commits(root, default, "HEAD") if has_base else None
-    changes, spans = [], {}
-    if has_base:
-        progress.step(f"diffing against {default}")
-        changes = g.diff_file_changes(root, default, "HEAD")
-        paths = [c.path for c in changes if c.status in ("modified", "renamed")]
-        if paths:
-            progress.step("reading changed lines")
-            spans = g.diff_line_spans(root, default, "HEAD", merge_base=True, paths=paths)
-    report["changes"] = [
-        dict(dataclasses.asdict(c), spans=[[s.start, s.end, s.added] for s in spans.get(c.path, [])])
-        for c in changes
-    ]
-    progress.step("counting authors")
-    report["authors"] = g.get_authors_for_period(root, since_spec)
-    commits = []
-    if head is not None:
-        progress.step("reading history")
-        commits = g.log_commit_changes(root, since=since, ref=None, max_commits=max_commits)
-    report["commits"] = [{"timestamp": c.timestamp, "files": len(c.files)} for c in commits]
-    return report
+def count(text):
+    """A whole number of 0 or more, for --commits and --files."""
+    try:
+        value = int(text)
+    except ValueError:
+        value = -1
+    if value < 0:
+        raise argparse.ArgumentTypeError(f"expected a whole number of 0 or more, got {text!r}")
+    return value
 
 
-def spans_text(spans, limit=4):
-    parts = [f"{a}" if a == b else f"{a}-{b}" for a, b, _ in spans[:limit]]
-    return ", ".join(parts) + (f" (+{len(spans) - limit})" if len(spans) > limit else "")
-
-
-def print_text(r):
-    print(f"Repository  {r['root']}")
-    print(f"Branch      {r['branch'] or '(detached HEAD)'}   default: {r['default_branch']}")
-    print(f"HEAD        {r['head'] or '(no commits yet)'}")
-    if r["ahead"] is not None:
-        print(f"Ahead       {r['ahead']} commit(s) of {r['default_branch']}")
-    print(f"\nFiles changed since leaving {r['default_branch']}: {len(r['changes'])}")
-    if r["changes"]:
-        width = min(60, max(len(c["path"]) for c in r["changes"]))
-        print(f"  {'status':9} {'+':>6} {'-':>6}  {'path':{width}}  lines")
-        for c in r["changes"]:
-            path = c["path"] if c["old_path"] is None else f"{c['old_path']} -> {c['path']}"
-            print(f"  {c['status']:9} {c['additions']:>6} {c['deletions']:>6}  {path:{width}}  {spans_text(c['spans'])}")
-    print(f"\nAuthors since {r['since']}: {len(r['authors'])}")
-    for a in r["authors"]:
-        print(f"  {a['commits']:>6}  {a['name']} <{a['email']}>")
-    print(f"\nLatest commits since {r['since']}: {len(r['commits'])}")
-    for c in r["commits"]:
-        when = time.strftime("%Y-%m-%d %H:%M", time.localtime(c["timestamp"]))
-        print(f"  {when}  {c['files']:>4} file(s)")
+def parse_args(argv):
+    parser = argparse.ArgumentParser(
+        prog="report",
+        description="A report on the git repository that PATH is in: branch, base, working tree, "
+        "files changed since leaving the default branch, authors and commits of the period.",
+    )
+    parser.add_argument("path", nargs="?", default=".", help="a directory or file inside the repository (default: .)")
+    parser.add_argument(
+        "--since", default="30d", metavar="WHEN", help="start of the period: 30m, 24h, 7d, 2w or an ISO date (default: 30d)"
+    )
+    parser.add_argument("--commits", type=count, default=10, metavar="N", help="commits of the period to list (default: 10; 0: none)")
+    parser.add_argument("--files", type=count, default=50, metavar="N", help="changed files to list in the text (default: 50; 0: all)")
+    parser.add_argument("--json", action="store_true", help="print every field as JSON (all files, full commit ids)")
+    return parser.parse_args(argv)
 
 
 def main(argv=None):
-    parser = argparse.ArgumentParser(description="A report on a git repository.")
-    parser.add_argument("path", nargs="?", default=".", help="a directory inside the repository (default: .)")
-    parser.add_argument("--since", default="30d", help="start of the period: 30m, 24h, 7d, 2w or an ISO date (default: 30d)")
-    parser.add_argument("--commits", type=int, default=10, help="how many recent commits to list (default: 10)")
-    parser.add_argument("--json", action="store_true", help="print JSON instead of tables")
-    args = parser.parse_args(argv)
-
-    root = g.find_git_root(Path(args.path))
-    if root is None:
-        print(f"report: {args.path}: not inside a git repository", file=sys.stderr)
-        return 2
+    args = parse_args(argv)
+    # A terminal whose encoding cannot show a name gets escapes, not a traceback.
+    sys.stdout.reconfigure(errors="backslashreplace")
+    set_read_only_environment()
     progress = Progress(enabled=not args.json)
     try:
-        report = gather(root, args.since, args.commits, progress)
+        since = g.parse_time_spec(args.since)
+        span_files = 0 if args.json else args.files  # the text shows spans only for the files it lists
+        doc = gather(locate(args.path), args.since, since, args.commits, span_files, progress.step)
     except ValueError as e:
         print(f"report: {e}", file=sys.stderr)
         return 2
+    except ReportError as e:
+        print(f"report: {e}", file=sys.stderr)
+        return e.code
     except g.GitError as e:
-        print(f"report: git failed: {str(e).splitlines()[0]}", file=sys.stderr)
+        print(f"report: git failed: {str(e).splitlines()[0] if str(e) else 'no message'}", file=sys.stderr)
         return 1
     finally:
         progress.done()
-    if args.json:
-        json.dump(report, sys.stdout, indent=2, ensure_ascii=False)
-        print()
-    else:
-        print_text(report)
+    try:
+        if args.json:
+            # ASCII only: no control or bidirectional character reaches a terminal raw.
+            json.dump(doc, sys.stdout, indent=2, ensure_ascii=True)
+            print()
+        else:
+            columns = max(60, shutil.get_terminal_size((100, 24)).columns)
+            sys.stdout.write(render(doc, columns, args.files))
+        sys.stdout.flush()
+    except BrokenPipeError:  # the reader (head, less) stopped early: not an error of the report
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
     return 0
 
 
