@@ -226,18 +226,12 @@ def test_later_batch_replaces_a_paths_spans_in_place(module_state):
     assert list(spans.items()) == [("x", [g.LineSpan(5, 6, False)]), ("y", [g.LineSpan(1, 1, True)])]
 
 
-def test_failure_in_second_batch_raises_and_stops(module_state, world):
-    real, calls = g.run_git_command, []
-
-    def flaky(root, args):
-        calls.append(args)
-        return ("", "fatal: second batch failed\n", 128) if len(calls) == 2 else real(root, args)
-
-    module_state.run_git_command = flaky
+def test_failure_in_second_batch_raises_and_stops(module_state):
     module_state._MAX_PATHSPEC_CHARS = 1
+    rec = install(module_state, [OK, ("", "fatal: second batch failed\n", 128), OK])
     with pytest.raises(g.GitError, match="^fatal: second batch failed$"):
-        g.diff_line_spans(world.hist, "main", "feature", merge_base=True, paths=NAMES[:3])
-    assert len(calls) == 2
+        g.diff_line_spans(ROOT, "main", "feature", merge_base=True, paths=["a", "b", "c"])
+    assert len(rec.calls) == 2
 
 
 # --- Queries against real git ---
