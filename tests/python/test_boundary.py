@@ -382,6 +382,27 @@ def test_function_attributes_stay_sound():
         f.__qualname__, f.__doc__ = "run_git_command", doc
 
 
+@pytest.mark.parametrize("call", [lambda: g.parse_line_spans(PATCH), lambda: g.parse_commit_changes(LOG),
+                                  lambda: g._file_changes(RAW.split("\0")), lambda: g._unquote("a\\303\\251\\tb")])
+def test_each_allocation_failing_in_turn_is_a_memory_error(call):
+    # One allocation fails at a time, the first, the second, ...: every way
+    # out of the call on a failed allocation is taken once.
+    _testcapi = pytest.importorskip("_testcapi")
+    expected = call()
+    for n in range(400):
+        _testcapi.set_nomemory(n, n + 1)
+        try:
+            got = call()
+        except MemoryError:
+            continue
+        finally:
+            _testcapi.remove_mem_hooks()
+        assert got == expected
+        break
+    else:
+        pytest.fail("every run failed")
+
+
 def test_fspath_that_empties_the_argument_list(repo):
     class Arg:
         def __init__(self, text):

@@ -305,6 +305,15 @@ RAW = "\0".join([HEAD + "M", "a", "2\t1\ta", HEAD + "C50", "s", "d", "1\t0\t", "
 PATCH_TEXT = '+++ a\n@@ -1,2 +3 @@\n-x\n-y\n+z\n+++ "q\\tr"\t\n@@ -0,0 +1,2 @@\n+1\n+2\n+++ /dev/null\n@@ -1 +0,0 @@\n-x\n'
 
 
+def test_replaced_line_count_reads_every_count_and_the_own_one_has_no_digit_limit(module_state):
+    assert g._line_count("9" * 5000) == 10**5000 - 1  # beyond int()'s limit on digit strings
+    seen = []
+    module_state._line_count = lambda field: seen.append(field) or len(field)
+    assert records(g.parse_file_changes(RAW)) == [("a", "modified", 1, 1, None), ("d", "copied", 1, 1, "s"),
+                                                  ("n", "added", 0, 0, None)]
+    assert seen == ["2", "1", "1", "0"]
+
+
 def test_replaced_file_changes_receives_str_tokens(module_state):
     calls = []
     module_state._file_changes = lambda tokens: calls.append(tokens) or ["X"]
