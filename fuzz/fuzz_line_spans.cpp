@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "src/core/spans.hpp"
 #include "utils/git_utils.hpp"
@@ -13,13 +14,15 @@ namespace {
 void check(std::string_view patch) {
     try {
         const git_utils::NativeSpans spans = git_utils::native_line_spans(patch);
-        for (const auto& [path, list] : spans.spans) {
-            if (list.empty()) __builtin_trap();
+        std::vector<std::size_t> seen(spans.names.size());
+        for (const auto& [path, s] : spans.spans) {
+            if (path >= seen.size()) __builtin_trap();
+            ++seen[path];
             // Header numbers are never negative, and a span never ends
             // before it starts.
-            for (const git_utils::LineSpan& s : list)
-                if (s.start < 0 || s.end < s.start) __builtin_trap();
+            if (s.start < 0 || s.end < s.start) __builtin_trap();
         }
+        if (seen != spans.counts) __builtin_trap();
     } catch (const git_utils::OctalEscapeError&) {
     }
 }

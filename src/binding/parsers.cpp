@@ -511,16 +511,18 @@ Ref line_spans_of_view(const Call& call, std::string_view text) {
         if (spans.exact) {
             RecordMaker maker(call, LINE_SPAN);
             GcPause pause(maker.sealed());
+            std::vector<ListBuilder> lists;
+            lists.reserve(spans.names.size());
+            for (std::size_t count : spans.counts) lists.emplace_back(maker.sealed(), false, count);
+            for (const auto& [path, s] : spans.spans) {
+                Ref start = check(PyLong_FromLongLong(s.start));
+                Ref end = s.end == s.start ? start : check(PyLong_FromLongLong(s.end));
+                lists[path].add(line_span_record(maker, start.get(), end.get(), s.added));
+            }
             Ref result = check(PyDict_New());
-            for (const auto& [path, list] : spans.spans) {
-                ListBuilder records(maker.sealed(), false, list.size());
-                for (const git_utils::LineSpan& s : list) {
-                    Ref start = check(PyLong_FromLongLong(s.start));
-                    Ref end = s.end == s.start ? start : check(PyLong_FromLongLong(s.end));
-                    records.add(line_span_record(maker, start.get(), end.get(), s.added));
-                }
-                Ref key = str_from_utf8(path);
-                Ref value = records.list();
+            for (std::size_t i = 0; i < spans.names.size(); ++i) {
+                Ref key = str_from_utf8(spans.names[i]);
+                Ref value = lists[i].list();
                 check(PyDict_SetItem(result.get(), key.get(), value.get()));
             }
             return result;

@@ -1,7 +1,6 @@
 // The patch span parser and its helpers with the native steps.
 #include "src/core/spans.hpp"
 
-#include <deque>
 #include <unordered_map>
 
 namespace git_utils {
@@ -31,7 +30,7 @@ bool read_number(std::string_view line, std::size_t& pos, Decimal& d) {
 
 inline std::int64_t saturated(const Decimal& d) { return d.fits ? d.value : kInt64Max; }
 
-// Names as the native `_patch_path` makes them.
+// Names as the native `_patch_path` makes them, owned.
 struct NativePathSteps {
     using R = std::optional<std::string>;
     R none() { return std::nullopt; }
@@ -39,23 +38,29 @@ struct NativePathSteps {
     R unquote(std::string_view inner) { return git_utils::unquote(inner); }
 };
 
-// Collects spans by path. A file's path is resolved once per "+++ " line;
-// equal names (git writes each file once, but a hand-made patch may not)
-// share one entry, which keeps the place of the first.
+// Spans by path, for a patch read once: a name is a view into the patch
+// unless it had to be unquoted. Equal names (git writes each file once, but
+// a hand-made patch may not) share one path, which keeps the place of the
+// first.
 class NativeSpanSteps {
 public:
     using Number = Decimal;
-    using Path = std::size_t;  // index into `names_`, or kNoValue
+    using Path = std::size_t;  // index of the "+++ " line among those naming a newer side
 
     explicit NativeSpanSteps(NativeSpans& out) : out_(out) {}
 
     Path patch_path(std::string_view text) {
-        NativePathSteps steps;
-        std::optional<std::string> name = patch_path_with(steps, text);
+        struct Views {
+            NativeSpans& out;
+            using R = std::optional<std::string_view>;
+            R none() { return std::nullopt; }
+            R text(std::string_view name) { return name; }
+            R unquote(std::string_view inner) { return out.unquoted.emplace_back(git_utils::unquote(inner)); }
+        } views{out_};
+        const std::optional<std::string_view> name = patch_path_with(views, text);
         if (!name) return kNoValue;
-        names_.push_back(std::move(*name));
-        groups_.push_back(kUnset);
-        return names_.size() - 1;
+        lines_.push_back({*name, kUnset});
+        return lines_.size() - 1;
     }
     static bool present(Path p) { return p != kNoValue; }
     static bool hunk_header(std::string_view line, HunkHeader<Decimal>& h) {
@@ -66,25 +71,32 @@ public:
     static std::int64_t counter(const Decimal& d) { return saturated(d); }
 
     void hunk(Path p, const Decimal& start, const Decimal& new_count, const Decimal& old_count) {
-        std::size_t& group = groups_[p];
-        if (group == kUnset) {
-            auto [it, inserted] = by_name_.try_emplace(names_[p], out_.spans.size());
-            if (inserted) out_.spans.emplace_back(names_[p], std::vector<LineSpan>());
-            group = it->second;
+        std::size_t& path = lines_[p].path;
+        if (path == kUnset) {
+            auto [it, inserted] = by_name_.try_emplace(lines_[p].name, out_.names.size());
+            if (inserted) {
+                out_.names.push_back(lines_[p].name);
+                out_.counts.push_back(0);
+            }
+            path = it->second;
         }
         if (!start.fits || !new_count.fits || !old_count.fits || start.value > (kInt64Max >> 1) ||
             new_count.value > (kInt64Max >> 1))
             out_.exact = false;
         const SpanOf<Saturating> s = span_of<Saturating>(saturated(start), saturated(new_count), saturated(old_count));
-        out_.spans[group].second.push_back(LineSpan{s.start.v, s.end.v, s.added});
+        ++out_.counts[path];
+        out_.spans.emplace_back(path, LineSpan{s.start.v, s.end.v, s.added});
     }
 
 private:
     static constexpr std::size_t kNoValue = static_cast<std::size_t>(-1);
     static constexpr std::size_t kUnset = static_cast<std::size_t>(-1);
+    struct Line {
+        std::string_view name;
+        std::size_t path;  // index into out_.names, once a hunk came
+    };
     NativeSpans& out_;
-    std::deque<std::string> names_;  // stable addresses: `by_name_` keys view into them
-    std::vector<std::size_t> groups_;  // per name: its entry of `out_.spans`
+    std::vector<Line> lines_;
     std::unordered_map<std::string_view, std::size_t> by_name_;
 };
 
@@ -173,6 +185,16 @@ NativeSpans native_line_spans(std::string_view patch) {
     return out;
 }
 
-LineSpansByPath parse_line_spans(std::string_view patch) { return native_line_spans(patch).spans; }
+LineSpansByPath parse_line_spans(std::string_view patch) {
+    const NativeSpans flat = native_line_spans(patch);
+    LineSpansByPath result;
+    result.reserve(flat.names.size());
+    for (std::size_t i = 0; i < flat.names.size(); ++i) {
+        result.emplace_back(std::string(flat.names[i]), std::vector<LineSpan>());
+        result.back().second.reserve(flat.counts[i]);
+    }
+    for (const auto& [path, span] : flat.spans) result[path].second.push_back(span);
+    return result;
+}
 
 }  // namespace git_utils

@@ -12,6 +12,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <deque>
 #include <limits>
 #include <optional>
 #include <stdexcept>
@@ -223,11 +224,18 @@ private:
 
 namespace git_utils {
 
-// `parse_line_spans` with the native steps. `exact` is false when a number
-// of the patch did not fit 64 bits or a span's end overflowed them (git
-// writes no such patch); the spans then hold saturated values.
+// `parse_line_spans` with the native steps, laid out flat: each path once,
+// in the order of its first hunk, and every span in patch order with the
+// index of its path. Names are views into the patch, or into `unquoted` for
+// names that were C-quoted; the patch must outlive the result. `exact` is
+// false when a number of the patch did not fit 64 bits or a span's end
+// overflowed them (git writes no such patch); the spans then hold saturated
+// values.
 struct NativeSpans {
-    LineSpansByPath spans;
+    std::vector<std::string_view> names;
+    std::vector<std::size_t> counts;  // spans of each path
+    std::vector<std::pair<std::size_t, LineSpan>> spans;
+    std::deque<std::string> unquoted;
     bool exact = true;
 };
 NativeSpans native_line_spans(std::string_view patch);
