@@ -121,9 +121,9 @@ inline constexpr double DEFAULT_TIMEOUT = 30.0;
 
 enum class RunStatus {
     Exited,       // git ran; returncode is its exit code (negative: signal)
-    TimedOut,     // the deadline passed; git and its process group were killed
+    TimedOut,     // the deadline passed; git and everything it started were killed
     NotFound,     // the start failed with ENOENT (no git, or no directory)
-    Interrupted,  // the interrupt hook asked to stop; git was killed
+    Interrupted,  // the interrupt hook asked to stop; killed as at the deadline
 };
 
 enum class StdinMode {
@@ -136,7 +136,9 @@ enum class StdinMode {
 struct RunOptions {
     // Seconds for the whole run; no value means no limit.
     std::optional<double> timeout = DEFAULT_TIMEOUT;
-    // Environment for git ("NAME=value" entries); no value inherits ours.
+    // Environment for git ("NAME=value" entries), also searched for git on its
+    // PATH. No value: current_environment() when the run starts; a caller
+    // that guards the environment with a lock of its own copies it itself.
     std::optional<std::vector<std::string>> env;
     // What git's standard input is.
     StdinMode stdin_mode = StdinMode::Inherit;
@@ -165,10 +167,17 @@ private:
     std::string filename_;
 };
 
-// Starts `git args...` in `cwd` (posix_spawnp), drains both pipes together
-// until git exits, and kills the process group at the deadline. Throws
-// SpawnError for start failures other than ENOENT. Arguments and `cwd` are
-// byte strings (no NULs).
+// This process's environment, copied ("NAME=value" entries). The extension
+// module takes it while it holds the interpreter lock, so that a thread that
+// changes os.environ meanwhile cannot tear or free what a start reads.
+std::vector<std::string> current_environment();
+
+// Starts `git args...` in `cwd`, git found on the PATH of the environment it
+// gets, and drains both pipes together until git has exited and both are at
+// end of file. At the deadline, on an interrupt and on an exception everything
+// the run started is killed; git is reaped on every way out. Throws SpawnError
+// for start failures other than ENOENT. Arguments and `cwd` are byte strings
+// (no NULs).
 RunOutcome run_git_process(const std::vector<std::string>& args, const std::string& cwd,
                            const RunOptions& options = {});
 
