@@ -5,8 +5,11 @@
 
 #include <chrono>
 #include <cmath>
+#include <filesystem>
+#include <fstream>
 #include <thread>
 
+#include "src/core/process.hpp"
 #include "utils/git_utils.hpp"
 
 using namespace git_utils;
@@ -134,3 +137,116 @@ TEST(Runner, CheckedOutputRaisesWithGitsMessage) {
     EXPECT_EQ(git_error_message(" \n", -9), "git exited with code -9");
     EXPECT_THROW(git_output(".", {"rev-parse", "--verify", "no-such-ref-xyz"}), GitError);
 }
+
+// The watch without pidfd (kernels before 5.3) and a host that ignores
+// SIGCHLD, where the kernel reaps git itself: each must return on time, give
+// subprocess's answers and leave no process behind.
+namespace {
+
+const char* const kFakeGit = R"(#!/bin/sh
+case "$1" in
+  exit3) printf out; printf err >&2; exit 3 ;;
+  chunk-then-pause) head -c 65536 /dev/zero; exec sleep "$2" ;;
+  grandchild) printf started; sleep "$2" & ;;
+esac
+)";
+
+std::vector<std::string> children_of_this_process() {
+    std::vector<std::string> found;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::ifstream in(task.path() / "children");
+        for (std::string pid; in >> pid;) found.push_back(pid);
+    }
+    return found;
+}
+
+bool process_with_argument(const std::string& arg) {
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+        std::ifstream in(entry.path() / "cmdline");
+        std::string cmdline((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        if (cmdline.find(arg + std::string(1, '\0')) != std::string::npos) return true;
+    }
+    return false;
+}
+
+struct WatchCase {
+    const char* name;
+    bool use_pidfd;
+    bool sigchld_ignored;
+};
+
+class Watch : public ::testing::TestWithParam<WatchCase> {
+protected:
+    void SetUp() override {
+        dir_ = std::filesystem::temp_directory_path() / ("fake-git-" + std::to_string(::getpid()));
+        std::filesystem::create_directories(dir_);
+        std::ofstream(dir_ / "git") << kFakeGit;
+        std::filesystem::permissions(dir_ / "git", std::filesystem::perms::owner_all);
+        env_ = {"PATH=" + dir_.string() + ":/usr/bin:/bin"};
+        struct sigaction ignore {};
+        ignore.sa_handler = GetParam().sigchld_ignored ? SIG_IGN : SIG_DFL;
+        sigaction(SIGCHLD, &ignore, &saved_);
+    }
+    void TearDown() override {
+        sigaction(SIGCHLD, &saved_, nullptr);
+        std::filesystem::remove_all(dir_);
+    }
+    // Runs the fake with `what`; the outcome and the seconds it took.
+    std::pair<process::Outcome, double> run(const std::string& what, double timeout, process::OutputBuffer& out,
+                                            process::OutputBuffer& err) {
+        std::vector<std::string> args{what, marker_};
+        std::string cwd = ".";
+        std::function<bool()> no_hook;
+        auto start = process::Clock::now();
+        process::Request request{.args = args, .cwd = cwd, .env = env_,
+                                 .deadline = start + std::chrono::duration_cast<process::Clock::duration>(
+                                                         std::chrono::duration<double>(timeout)),
+                                 .on_interrupt = no_hook, .use_pidfd = GetParam().use_pidfd};
+        auto outcome = process::run(request, out, err);
+        return {outcome, std::chrono::duration<double>(process::Clock::now() - start).count()};
+    }
+    void expect_nothing_left(const std::string& marker) {
+        EXPECT_EQ(children_of_this_process(), std::vector<std::string>{});
+        auto until = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+        while (process_with_argument(marker) && std::chrono::steady_clock::now() < until)
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        EXPECT_FALSE(process_with_argument(marker)) << marker;
+    }
+
+    std::filesystem::path dir_;
+    std::vector<std::string> env_;
+    // How long the fake's sleep lasts: 5 s and a fraction that is this
+    // process's id, so that tests run side by side tell their sleeps apart.
+    std::string marker_ = "5." + std::to_string(::getpid());
+    struct sigaction saved_ {};
+};
+
+TEST_P(Watch, ExitCodeAsSubprocessGivesIt) {
+    process::OutputBuffer out, err;
+    auto [outcome, seconds] = run("exit3", 10, out, err);
+    EXPECT_EQ(outcome.status, RunStatus::Exited);
+    EXPECT_EQ(outcome.returncode, GetParam().sigchld_ignored ? 0 : 3);
+    EXPECT_EQ(out.take(), "out");
+    EXPECT_EQ(err.take(), "err");
+    EXPECT_LT(seconds, 2);
+    expect_nothing_left(marker_);
+}
+
+TEST_P(Watch, DeadlineHoldsAfterAFullChunkAndWithAGrandchildOnThePipes) {
+    for (const char* what : {"chunk-then-pause", "grandchild"}) {
+        process::OutputBuffer out, err;
+        auto [outcome, seconds] = run(what, 0.3, out, err);
+        EXPECT_EQ(outcome.status, RunStatus::TimedOut) << what;
+        EXPECT_GE(seconds, 0.3) << what;
+        EXPECT_LT(seconds, 1.5) << what;
+    }
+    expect_nothing_left(marker_);
+}
+
+INSTANTIATE_TEST_SUITE_P(PidfdAndSigchld, Watch,
+                         ::testing::Values(WatchCase{"pidfd", true, false}, WatchCase{"no_pidfd", false, false},
+                                           WatchCase{"pidfd_sigchld_ignored", true, true},
+                                           WatchCase{"no_pidfd_sigchld_ignored", false, true}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+}  // namespace

@@ -12,6 +12,7 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <termios.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -215,11 +216,22 @@ private:
     sigset_t caller_;
 };
 
-// Process ids, parent and group, as /proc/<pid>/stat gives them.
+// What /proc/<pid>/stat says of a process: its parent, its process group,
+// and when it started (clock ticks since boot).
 struct ProcStat {
     pid_t ppid = 0;
     pid_t pgrp = 0;
+    unsigned long long started = 0;
 };
+
+// Now, in the clock ticks of ProcStat::started.
+unsigned long long boot_ticks() {
+    timespec now{};
+    ::clock_gettime(CLOCK_BOOTTIME, &now);
+    const long hz = ::sysconf(_SC_CLK_TCK);
+    return static_cast<unsigned long long>(now.tv_sec) * static_cast<unsigned long long>(hz) +
+           static_cast<unsigned long long>(now.tv_nsec) / (1000000000ULL / static_cast<unsigned long long>(hz));
+}
 
 bool read_stat(pid_t pid, ProcStat& st) {
     char path[40];
@@ -235,9 +247,13 @@ bool read_stat(pid_t pid, ProcStat& st) {
     const char* p = std::strrchr(buf, ')');
     char state;
     int ppid, pgrp;
-    if (!p || std::sscanf(p + 1, " %c %d %d", &state, &ppid, &pgrp) != 3) return false;
+    unsigned long long started;
+    if (!p || std::sscanf(p + 1, " %c %d %d %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %llu",
+                          &state, &ppid, &pgrp, &started) != 4)
+        return false;
     st.ppid = ppid;
     st.pgrp = pgrp;
+    st.started = started;
     return true;
 }
 
@@ -285,17 +301,18 @@ bool holds_write_end(pid_t pid, const ino_t (&inodes)[2]) {
 // found, so that it starts nothing new, and /proc is read again until a pass
 // finds nobody new; then all of them are killed.
 //
-// A process is signalled through a pidfd opened after it was found, and only
-// if it still meets the test that found it after the pidfd was opened: a pid
-// that was reused in between names a process that fails the test. The host's
-// own children other than git (other runs, a fork() of the host) are never
-// taken.
+// Only processes that started after git can be taken (which also keeps the
+// pass short: most of /proc is rejected on one read). A process is signalled
+// through a pidfd opened after it was found, and only if it still meets the
+// test that found it after the pidfd was opened: a pid that was reused in
+// between names a process that fails the test. The host's own children other
+// than git (other runs, a fork() of the host) are never taken.
 class Sweep {
 public:
-    Sweep(pid_t git, int git_pidfd, bool git_gone, bool own_group, const ino_t (&pipes)[2], bool pipes_open,
-          bool use_pidfd)
+    Sweep(pid_t git, int git_pidfd, bool git_gone, unsigned long long git_started, bool own_group,
+          const ino_t (&pipes)[2], bool pipes_open, bool use_pidfd)
         : git_(git), git_pidfd_(git_pidfd), git_gone_(git_gone), own_group_(own_group), pipes_open_(pipes_open),
-          use_pidfd_(use_pidfd), self_(::getpid()) {
+          use_pidfd_(use_pidfd), self_(::getpid()), git_started_(git_started) {
         pipes_[0] = pipes[0];
         pipes_[1] = pipes[1];
     }
@@ -318,7 +335,7 @@ private:
 
     bool ours(pid_t pid) const {
         ProcStat st;
-        if (!read_stat(pid, st) || st.ppid == self_) return false;
+        if (!read_stat(pid, st) || st.started < git_started_ || st.ppid == self_) return false;
         if (!git_gone_ && (st.ppid == git_ || (own_group_ && st.pgrp == git_))) return true;
         if (std::any_of(found_.begin(), found_.end(), [&](const auto& f) { return f.first == st.ppid; })) return true;
         return pipes_open_ && holds_write_end(pid, pipes_);
@@ -347,6 +364,7 @@ private:
     int git_pidfd_;
     bool git_gone_, own_group_, pipes_open_, use_pidfd_;
     pid_t self_;
+    unsigned long long git_started_;
     ino_t pipes_[2];
     std::vector<std::pair<pid_t, Fd>> found_;
 };
@@ -357,8 +375,8 @@ private:
 // on every way out.
 class Child {
 public:
-    Child(pid_t pid, bool own_group, bool use_pidfd, const ino_t (&pipes)[2])
-        : pid_(pid), own_group_(own_group), use_pidfd_(use_pidfd) {
+    Child(pid_t pid, unsigned long long started, bool own_group, bool use_pidfd, const ino_t (&pipes)[2])
+        : pid_(pid), started_(started), own_group_(own_group), use_pidfd_(use_pidfd) {
         pipes_[0] = pipes[0];
         pipes_[1] = pipes[1];
         if (use_pidfd_) {
@@ -398,7 +416,7 @@ public:
 
     // Stops and kills what the run started (see Sweep), then reaps git.
     void stop_everything(bool pipes_open) noexcept {
-        Sweep(pid_, pidfd_.get(), gone_, own_group_, pipes_, pipes_open, use_pidfd_).run();
+        Sweep(pid_, pidfd_.get(), gone_, started_, own_group_, pipes_, pipes_open, use_pidfd_).run();
         if (!gone_) {
             if (own_group_) ::kill(-pid_, SIGKILL);  // git's group id is still held by git
             send_signal(pid_, pidfd_.get(), SIGKILL);
@@ -421,6 +439,7 @@ public:
 
 private:
     pid_t pid_;
+    unsigned long long started_;  // no later than git's start, in ProcStat::started ticks
     Fd pidfd_;
     bool own_group_, use_pidfd_;
     ino_t pipes_[2];
@@ -502,13 +521,14 @@ Outcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
     envp.push_back(nullptr);
     const std::string program = find_git(request.env, request.cwd);
 
+    const unsigned long long started = boot_ticks();
     pid_t pid = -1;
     int rc = ::posix_spawn(&pid, program.c_str(), &setup.actions, &setup.attr, argv.data(), envp.data());
     if (rc != 0) {
         if (rc == ENOENT) return {RunStatus::NotFound, 0};
         throw SpawnError(rc, failed_start_filename(request.cwd));
     }
-    Child child(pid, own_group, request.use_pidfd, pipes);
+    Child child(pid, started, own_group, request.use_pidfd, pipes);
     out_w.reset();
     err_w.reset();
     tty_slave.reset();
