@@ -133,13 +133,45 @@ enum class StdinMode {
                // without a revision summarises HEAD only when stdin is a terminal
 };
 
+// The environment git gets: "NAME=value" entries, held in one buffer (a copy
+// of a process environment is two allocations, not one per entry).
+class Environment {
+public:
+    Environment() = default;
+    // Implicit, so that a list of entries can stand wherever an Environment
+    // is taken.
+    Environment(const std::vector<std::string>& entries) {  // NOLINT(google-explicit-constructor)
+        for (const auto& entry : entries) add(entry);
+    }
+    void reserve(std::size_t entries, std::size_t bytes) {
+        starts_.reserve(entries);
+        text_.reserve(bytes);
+    }
+    void add(std::string_view entry) {
+        starts_.push_back(text_.size());
+        text_.append(entry);
+        text_.push_back('\0');
+    }
+    std::size_t size() const { return starts_.size(); }
+    // Entry `i`, and the same NUL-terminated.
+    std::string_view operator[](std::size_t i) const {
+        const std::size_t end = i + 1 < starts_.size() ? starts_[i + 1] : text_.size();
+        return {text_.data() + starts_[i], end - starts_[i] - 1};
+    }
+    const char* c_str(std::size_t i) const { return text_.data() + starts_[i]; }
+
+private:
+    std::string text_;                // the entries, each followed by a NUL
+    std::vector<std::size_t> starts_;  // where each begins in text_
+};
+
 struct RunOptions {
     // Seconds for the whole run; no value means no limit.
     std::optional<double> timeout = DEFAULT_TIMEOUT;
     // Environment for git ("NAME=value" entries), also searched for git on its
     // PATH. No value: current_environment() when the run starts; a caller
     // that guards the environment with a lock of its own copies it itself.
-    std::optional<std::vector<std::string>> env;
+    std::optional<Environment> env;
     // What git's standard input is.
     StdinMode stdin_mode = StdinMode::Inherit;
     // Called when a signal interrupted the wait; returning true kills git and
@@ -170,7 +202,7 @@ private:
 // This process's environment, copied ("NAME=value" entries). The extension
 // module takes it while it holds the interpreter lock, so that a thread that
 // changes os.environ meanwhile cannot tear or free what a start reads.
-std::vector<std::string> current_environment();
+Environment current_environment();
 
 // Starts `git args...` in `cwd`, git found on the PATH of the environment it
 // gets, and drains both pipes together until git has exited and both are at

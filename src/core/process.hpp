@@ -44,7 +44,7 @@ private:
 struct Request {
     const std::vector<std::string>& args;  // after "git"
     const std::string& cwd;
-    const std::vector<std::string>& env;  // "NAME=value"; git is looked up on its PATH
+    const Environment& env;  // git is looked up on its PATH
     StdinMode stdin_mode = StdinMode::Inherit;
     Clock::time_point deadline = Clock::time_point::max();  // max(): no limit
     const std::function<bool()>& on_interrupt;

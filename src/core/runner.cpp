@@ -49,7 +49,7 @@ std::string OutputBuffer::take() {
 
 RunOutcome run_git_process(const std::vector<std::string>& args, const std::string& cwd,
                            const RunOptions& options) {
-    std::vector<std::string> own_env;
+    Environment own_env;
     if (!options.env) own_env = current_environment();
     const auto started = process::Clock::now();
     auto deadline = process::Clock::time_point::max();

@@ -182,7 +182,7 @@ protected:
         std::filesystem::create_directories(dir_);
         std::ofstream(dir_ / "git") << kFakeGit;
         std::filesystem::permissions(dir_ / "git", std::filesystem::perms::owner_all);
-        env_ = {"PATH=" + dir_.string() + ":/usr/bin:/bin"};
+        env_.add("PATH=" + dir_.string() + ":/usr/bin:/bin");
         struct sigaction ignore {};
         ignore.sa_handler = GetParam().sigchld_ignored ? SIG_IGN : SIG_DFL;
         sigaction(SIGCHLD, &ignore, &saved_);
@@ -214,7 +214,7 @@ protected:
     }
 
     std::filesystem::path dir_;
-    std::vector<std::string> env_;
+    Environment env_;
     // How long the fake's sleep lasts: 5 s and a fraction that is this
     // process's id, so that tests run side by side tell their sleeps apart.
     std::string marker_ = "5." + std::to_string(::getpid());

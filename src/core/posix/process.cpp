@@ -30,9 +30,12 @@ extern char** environ;
 
 namespace git_utils {
 
-std::vector<std::string> current_environment() {
-    std::vector<std::string> env;
-    for (char** entry = environ; entry && *entry; ++entry) env.emplace_back(*entry);
+Environment current_environment() {
+    std::size_t entries = 0, bytes = 0;
+    for (char** entry = environ; entry && *entry; ++entry, ++entries) bytes += std::strlen(*entry) + 1;
+    Environment env;
+    env.reserve(entries, bytes);
+    for (char** entry = environ; entry && *entry; ++entry) env.add(*entry);
     return env;
 }
 
@@ -123,11 +126,11 @@ bool caller_is_foreground_job() {
 // one, the first name that exists (so the start fails as it would under
 // subprocess, with EACCES for a file that cannot be run), else the first
 // name.
-std::string find_git(const std::vector<std::string>& env, const std::string& cwd) {
+std::string find_git(const Environment& env, const std::string& cwd) {
     std::string_view path = "/bin:/usr/bin";  // when PATH is unset, as os.defpath
-    for (const auto& entry : env) {
-        if (std::string_view(entry).starts_with("PATH=")) {
-            path = std::string_view(entry).substr(5);
+    for (std::size_t i = 0; i < env.size(); ++i) {
+        if (env[i].starts_with("PATH=")) {
+            path = env[i].substr(5);
             break;  // the first, as getenv finds it
         }
     }
@@ -375,7 +378,8 @@ private:
 // on every way out.
 class Child {
 public:
-    Child(pid_t pid, unsigned long long started, bool own_group, bool use_pidfd, const ino_t (&pipes)[2])
+    // `pipes`: our read ends, open as long as this object lives.
+    Child(pid_t pid, unsigned long long started, bool own_group, bool use_pidfd, const int (&pipes)[2])
         : pid_(pid), started_(started), own_group_(own_group), use_pidfd_(use_pidfd) {
         pipes_[0] = pipes[0];
         pipes_[1] = pipes[1];
@@ -416,7 +420,12 @@ public:
 
     // Stops and kills what the run started (see Sweep), then reaps git.
     void stop_everything(bool pipes_open) noexcept {
-        Sweep(pid_, pidfd_.get(), gone_, started_, own_group_, pipes_, pipes_open, use_pidfd_).run();
+        // Without a pidfd, git's exit is otherwise looked for only once both
+        // pipes are closed: where the kernel reaps git itself, its pid must
+        // not be signalled after that.
+        if (!exited_) learn_exit(false);
+        const ino_t inodes[2] = {inode_of(pipes_[0]), inode_of(pipes_[1])};
+        Sweep(pid_, pidfd_.get(), gone_, started_, own_group_, inodes, pipes_open, use_pidfd_).run();
         if (!gone_) {
             if (own_group_) ::kill(-pid_, SIGKILL);  // git's group id is still held by git
             send_signal(pid_, pidfd_.get(), SIGKILL);
@@ -442,7 +451,7 @@ private:
     unsigned long long started_;  // no later than git's start, in ProcStat::started ticks
     Fd pidfd_;
     bool own_group_, use_pidfd_;
-    ino_t pipes_[2];
+    int pipes_[2];
     bool exited_ = false, gone_ = false, reaped_ = false;
     int code_ = 0;
 };
@@ -476,7 +485,7 @@ Outcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
     make_pipe(streams[1].fd, err_w);
     // Bigger pipes mean fewer wake-ups for large outputs; failure is harmless.
     ::fcntl(streams[0].fd.get(), F_SETPIPE_SZ, 1 << 20);
-    const ino_t pipes[2] = {inode_of(out_w.get()), inode_of(err_w.get())};
+    const int pipes[2] = {streams[0].fd.get(), streams[1].fd.get()};
 
     SpawnSetup setup;
     if (request.stdin_mode == StdinMode::Null) {
@@ -517,7 +526,7 @@ Outcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
     argv.push_back(nullptr);
     std::vector<char*> envp;
     envp.reserve(request.env.size() + 1);
-    for (const auto& e : request.env) envp.push_back(const_cast<char*>(e.c_str()));
+    for (std::size_t i = 0; i < request.env.size(); ++i) envp.push_back(const_cast<char*>(request.env.c_str(i)));
     envp.push_back(nullptr);
     const std::string program = find_git(request.env, request.cwd);
 
