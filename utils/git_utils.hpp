@@ -174,8 +174,9 @@ struct RunOptions {
     std::optional<Environment> env;
     // What git's standard input is.
     StdinMode stdin_mode = StdinMode::Inherit;
-    // Called when a signal interrupted the wait; returning true kills git and
-    // ends the run with RunStatus::Interrupted. Called without any lock held.
+    // Called when a signal interrupted the wait; returning true kills what the
+    // run started and ends it with RunStatus::Interrupted. Called without any
+    // lock held, with the calling thread's own signal mask.
     std::function<bool()> on_interrupt;
 };
 
