@@ -251,7 +251,9 @@ NativeRun run_native(const Call& call, PyObject* repo_root, PyObject* args, PyOb
             }
             options.timeout = seconds;
         }
-        if (host.env && host.env.get() != Py_None) options.env = environment(host.env.get());
+        // The environment is copied here, with the interpreter lock held: no
+        // thread can change os.environ while it is read.
+        options.env = host.env && host.env.get() != Py_None ? environment(host.env.get()) : current_environment();
 
         // The interpreter lock is released for the whole run; a signal that
         // interrupts the wait takes it back briefly so the host's handler can
