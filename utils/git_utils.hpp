@@ -122,9 +122,9 @@ inline constexpr double DEFAULT_TIMEOUT = 30.0;
 
 enum class RunStatus {
     Exited,       // git ran; returncode is its exit code (negative: signal)
-    TimedOut,     // the deadline passed; git and what it started were killed
+    TimedOut,     // the deadline passed; git and everything it started were killed
     NotFound,     // the start failed with ENOENT (no git, or no directory)
-    Interrupted,  // the interrupt hook asked to stop; git was killed
+    Interrupted,  // the interrupt hook asked to stop; killed as at the deadline
 };
 
 // (stdout, stderr, returncode) of one git run.
@@ -146,15 +146,50 @@ enum class StdinMode {
                // without a revision summarises HEAD only when stdin is a terminal
 };
 
+// The environment git gets: "NAME=value" entries, held in one buffer (a copy
+// of a process environment is two allocations, not one per entry).
+class Environment {
+public:
+    Environment() = default;
+    // Implicit, so that a list of entries can stand wherever an Environment
+    // is taken.
+    Environment(const std::vector<std::string>& entries) {  // NOLINT(google-explicit-constructor)
+        for (const auto& entry : entries) add(entry);
+    }
+    void reserve(std::size_t entries, std::size_t bytes) {
+        starts_.reserve(entries);
+        text_.reserve(bytes);
+    }
+    void add(std::string_view entry) {
+        starts_.push_back(text_.size());
+        text_.append(entry);
+        text_.push_back('\0');
+    }
+    std::size_t size() const { return starts_.size(); }
+    // Entry `i`, and the same NUL-terminated.
+    std::string_view operator[](std::size_t i) const {
+        const std::size_t end = i + 1 < starts_.size() ? starts_[i + 1] : text_.size();
+        return {text_.data() + starts_[i], end - starts_[i] - 1};
+    }
+    const char* c_str(std::size_t i) const { return text_.data() + starts_[i]; }
+
+private:
+    std::string text_;                 // the entries, each followed by a NUL
+    std::vector<std::size_t> starts_;  // where each begins in text_
+};
+
 struct RunOptions {
     // Seconds for the whole run; no value means no limit.
     std::optional<double> timeout = DEFAULT_TIMEOUT;
-    // Environment for git ("NAME=value" entries); no value inherits ours.
-    std::optional<std::vector<std::string>> env;
+    // Environment for git ("NAME=value" entries), also searched for git on its
+    // PATH. No value: current_environment() when the run starts; a caller
+    // that guards the environment with a lock of its own copies it itself.
+    std::optional<Environment> env;
     // What git's standard input is.
     StdinMode stdin_mode = StdinMode::Inherit;
-    // Called when a signal interrupted the wait; returning true kills git and
-    // ends the run with RunStatus::Interrupted. Called without any lock held.
+    // Called when a signal interrupted the wait; returning true kills what the
+    // run started and ends it with RunStatus::Interrupted. Called without any
+    // lock held, with the calling thread's own signal mask.
     std::function<bool()> on_interrupt;
 };
 
@@ -165,9 +200,17 @@ struct RunOutcome {
     int returncode = 0;
 };
 
-// Starts `git args...` in `cwd`, drains both pipes together until git exits,
-// and kills what it started at the deadline. Throws OsError for start
-// failures other than ENOENT. Arguments and `cwd` are byte strings (no NULs).
+// This process's environment, copied ("NAME=value" entries). The extension
+// module takes it while it holds the interpreter lock, so that a thread that
+// changes os.environ meanwhile cannot tear or free what a start reads.
+Environment current_environment();
+
+// Starts `git args...` in `cwd`, git found on the PATH of the environment it
+// gets, and drains both pipes together until git has exited and both are at
+// end of file. At the deadline, on an interrupt and on an exception everything
+// the run started is killed; git is reaped on every way out. Throws OsError
+// for start failures other than ENOENT. Arguments and `cwd` are byte strings
+// (no NULs).
 RunOutcome run_git_process(const std::vector<std::string>& args, const std::string& cwd,
                            const RunOptions& options = {});
 

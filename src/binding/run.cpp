@@ -45,10 +45,10 @@ StartOptions read_start_options(const Call& call) {
 }
 
 // "NAME=value" entries of a host's env mapping, as subprocess checks them.
-std::vector<std::string> environment(PyObject* env) {
+Environment environment(PyObject* env) {
     Ref items = check(PyMapping_Items(env));
     Ref pairs = check(PySequence_Tuple(items.get()));
-    std::vector<std::string> out;
+    Environment out;
     for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(pairs.get()); ++i) {
         PyObject* item = PyTuple_GET_ITEM(pairs.get(), i);
         if (!PyTuple_Check(item) || PyTuple_GET_SIZE(item) != 2)
@@ -64,7 +64,7 @@ std::vector<std::string> environment(PyObject* env) {
         }
         if (entry[0].empty() || entry[0].find('=') != std::string::npos)
             raise(PyExc_ValueError, "illegal environment variable name");
-        out.push_back(entry[0] + "=" + entry[1]);
+        out.add(entry[0] + "=" + entry[1]);
     }
     return out;
 }
@@ -123,7 +123,9 @@ private:
         RunOptions run;
         run.stdin_mode = request_.stdin_mode;
         run.timeout = request_.timeout ? seconds_of(request_.timeout) : std::optional<double>(DEFAULT_TIMEOUT);
-        if (options.env && options.env.get() != Py_None) run.env = environment(options.env.get());
+        // The environment is copied here, with the interpreter lock held: no
+        // thread can change os.environ while it is read.
+        run.env = options.env && options.env.get() != Py_None ? environment(options.env.get()) : current_environment();
 
         // The lock is released for the whole run; a signal that interrupts
         // the wait takes it back briefly so the host's handler can run (and

@@ -1,0 +1,625 @@
+// Starting git on POSIX systems and watching it to the end: posix_spawn with
+// a pipe for each output, a wait on non-blocking read ends (ppoll) that looks
+// at the deadline on every wake-up, and one owner of the child that, on every
+// way out, kills what the run started and reaps git.
+#include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <pthread.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <termios.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string_view>
+#include <utility>
+
+#include "src/core/process.hpp"
+#include "src/core/run.hpp"
+
+extern char** environ;
+
+namespace git_utils {
+
+Environment current_environment() {
+    std::size_t entries = 0, bytes = 0;
+    for (char** entry = environ; entry && *entry; ++entry, ++entries) bytes += std::strlen(*entry) + 1;
+    Environment env;
+    env.reserve(entries, bytes);
+    for (char** entry = environ; entry && *entry; ++entry) env.add(*entry);
+    return env;
+}
+
+namespace process {
+namespace {
+
+// Owns one file descriptor.
+class Fd {
+public:
+    Fd() = default;
+    explicit Fd(int fd) : fd_(fd) {}
+    Fd(Fd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    Fd& operator=(Fd&& other) noexcept {
+        reset(std::exchange(other.fd_, -1));
+        return *this;
+    }
+    ~Fd() { reset(); }
+    int get() const { return fd_; }
+    int release() { return std::exchange(fd_, -1); }
+    void reset(int fd = -1) {
+        if (fd_ >= 0) ::close(fd_);
+        fd_ = fd;
+    }
+
+private:
+    int fd_ = -1;
+};
+
+// Owns the spawn attributes and file actions.
+struct SpawnSetup {
+    posix_spawn_file_actions_t actions;
+    posix_spawnattr_t attr;
+    SpawnSetup() {
+        posix_spawn_file_actions_init(&actions);
+        posix_spawnattr_init(&attr);
+    }
+    ~SpawnSetup() {
+        posix_spawn_file_actions_destroy(&actions);
+        posix_spawnattr_destroy(&attr);
+    }
+};
+
+// A pipe for one of git's outputs: our end non-blocking (a read never waits,
+// so the deadline is seen whatever git writes), git's end as usual.
+void make_pipe(Fd& read_end, Fd& write_end) {
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) != 0) throw OsError(errno, "git");
+    read_end.reset(fds[0]);
+    write_end.reset(fds[1]);
+    if (::fcntl(fds[0], F_SETFL, O_NONBLOCK) != 0) throw OsError(errno, "git");
+}
+
+ino_t inode_of(int fd) {
+    struct stat st;
+    return ::fstat(fd, &st) == 0 ? st.st_ino : 0;
+}
+
+// A pseudo-terminal slave for git's stdin (the master is kept open so the
+// slave never reports a hang-up).
+void open_terminal(Fd& master, Fd& slave) {
+    master.reset(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+    if (master.get() < 0) throw OsError(errno, "/dev/ptmx");
+    char name[128];
+    if (::grantpt(master.get()) != 0 || ::unlockpt(master.get()) != 0 ||
+        ::ptsname_r(master.get(), name, sizeof name) != 0)
+        throw OsError(errno, "/dev/ptmx");
+    slave.reset(::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC));
+    if (slave.get() < 0) throw OsError(errno, name);
+}
+
+// Whether the caller is the foreground job of its controlling terminal.
+//
+// git then stays in the caller's process group, as under subprocess, so it can
+// read that terminal (standard input, or /dev/tty for a prompt) without being
+// stopped by SIGTTIN; a timeout kills git's process tree, found through parent
+// links (see Sweep). Otherwise git gets a process group of its own, which a
+// timeout kills with one signal, and a terminal read would stop it, as it would
+// stop the caller itself. The authors query gives git a fresh pseudo-terminal
+// that is nobody's controlling terminal, which any group may read.
+bool caller_is_foreground_job() {
+    Fd tty(::open("/dev/tty", O_RDONLY | O_NOCTTY | O_CLOEXEC | O_NONBLOCK));
+    return tty.get() >= 0 && ::tcgetpgrp(tty.get()) == ::getpgrp();
+}
+
+// The program to start: "git" in the first directory of the PATH of `env`
+// that holds an executable file of that name, as execvp looks for it (and as
+// subprocess does when given an environment). A relative directory is taken
+// from git's working directory, where execve resolves it. When none holds
+// one, the first name that exists (so the start fails as it would under
+// subprocess, with EACCES for a file that cannot be run), else the first
+// name.
+std::string find_git(const Environment& env, const std::string& cwd) {
+    std::string_view path = "/bin:/usr/bin";  // when PATH is unset, as os.defpath
+    for (std::size_t i = 0; i < env.size(); ++i) {
+        if (env[i].starts_with("PATH=")) {
+            path = env[i].substr(5);
+            break;  // the first, as getenv finds it
+        }
+    }
+    std::string first, existing;
+    for (std::size_t start = 0;;) {
+        const std::size_t end = path.find(':', start);
+        std::string_view dir = path.substr(start, end == std::string_view::npos ? std::string_view::npos : end - start);
+        std::string candidate = std::string(dir.empty() ? "." : dir) + "/git";
+        const std::string checked = candidate[0] == '/' || cwd.empty() ? candidate : cwd + "/" + candidate;
+        struct stat st;
+        if (::stat(checked.c_str(), &st) == 0) {
+            if (S_ISREG(st.st_mode) && ::access(checked.c_str(), X_OK) == 0) return candidate;
+            if (existing.empty()) existing = candidate;
+        }
+        if (first.empty()) first = candidate;
+        if (end == std::string_view::npos) break;
+        start = end + 1;
+    }
+    return existing.empty() ? first : existing;
+}
+
+// The file a start failure concerns, as subprocess reports it: the working
+// directory when it cannot be entered, otherwise the program.
+std::string failed_start_filename(const std::string& cwd) {
+    struct stat st;
+    if (::stat(cwd.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || ::access(cwd.c_str(), X_OK) != 0) return cwd;
+    return "git";
+}
+
+int pidfd_open(pid_t pid) {
+#ifdef SYS_pidfd_open
+    return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+#else
+    (void)pid;
+    errno = ENOSYS;
+    return -1;
+#endif
+}
+
+// Sends `sig` through the pidfd when there is one (it names that process and
+// no other, whatever happens to the pid), else by pid.
+void send_signal(pid_t pid, int pidfd, int sig) {
+#ifdef SYS_pidfd_send_signal
+    if (pidfd >= 0) {
+        ::syscall(SYS_pidfd_send_signal, pidfd, sig, nullptr, 0);
+        return;
+    }
+#endif
+    ::kill(pid, sig);
+}
+
+// Keeps the asynchronous signals of the calling thread waiting while the
+// runner works between two waits, and lets them in only inside ppoll: a
+// signal that arrives while output is being read then interrupts the next
+// wait, instead of being noticed only when git next writes or the deadline
+// comes. Signals that report a fault of this thread are never held.
+class SignalGate {
+public:
+    SignalGate() {
+        sigset_t held;
+        sigfillset(&held);
+        for (int sig : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGABRT}) sigdelset(&held, sig);
+        ::pthread_sigmask(SIG_BLOCK, &held, &caller_);
+    }
+    SignalGate(const SignalGate&) = delete;
+    SignalGate& operator=(const SignalGate&) = delete;
+    ~SignalGate() { ::pthread_sigmask(SIG_SETMASK, &caller_, nullptr); }
+    // The caller's own mask, for ppoll.
+    const sigset_t* open() const { return &caller_; }
+    // Runs `hook` with the caller's mask (held signals are delivered first).
+    bool call_open(const std::function<bool()>& hook) {
+        sigset_t held;
+        ::pthread_sigmask(SIG_SETMASK, &caller_, &held);
+        bool stop = false;
+        try {
+            stop = hook();
+        } catch (...) {
+            ::pthread_sigmask(SIG_SETMASK, &held, nullptr);
+            throw;
+        }
+        ::pthread_sigmask(SIG_SETMASK, &held, nullptr);
+        return stop;
+    }
+
+private:
+    sigset_t caller_;
+};
+
+// What /proc/<pid>/stat says of a process: its parent, its process group,
+// and when it started (clock ticks since boot).
+struct ProcStat {
+    pid_t ppid = 0;
+    pid_t pgrp = 0;
+    unsigned long long started = 0;
+};
+
+// Now, in the clock ticks of ProcStat::started.
+unsigned long long boot_ticks() {
+    timespec now{};
+    ::clock_gettime(CLOCK_BOOTTIME, &now);
+    const long hz = ::sysconf(_SC_CLK_TCK);
+    return static_cast<unsigned long long>(now.tv_sec) * static_cast<unsigned long long>(hz) +
+           static_cast<unsigned long long>(now.tv_nsec) / (1000000000ULL / static_cast<unsigned long long>(hz));
+}
+
+bool read_stat(pid_t pid, ProcStat& st) {
+    char path[40];
+    std::snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
+    Fd fd(::open(path, O_RDONLY | O_CLOEXEC));
+    if (fd.get() < 0) return false;
+    char buf[512];
+    ssize_t n = ::read(fd.get(), buf, sizeof buf - 1);
+    if (n <= 0) return false;
+    buf[n] = '\0';
+    // The command name may hold blanks and parentheses: the fields follow the
+    // last ')'.
+    const char* p = std::strrchr(buf, ')');
+    char state;
+    int ppid, pgrp;
+    unsigned long long started;
+    if (!p || std::sscanf(p + 1, " %c %d %d %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %llu",
+                          &state, &ppid, &pgrp, &started) != 4)
+        return false;
+    st.ppid = ppid;
+    st.pgrp = pgrp;
+    st.started = started;
+    return true;
+}
+
+// Whether `pid` holds the write end of a pipe with one of `inodes`.
+bool holds_write_end(pid_t pid, const ino_t (&inodes)[2]) {
+    char path[48];
+    std::snprintf(path, sizeof path, "/proc/%d/fd", static_cast<int>(pid));
+    DIR* dir = ::opendir(path);
+    if (!dir) return false;
+    bool holds = false;
+    char wanted[2][40];
+    for (int i = 0; i < 2; ++i) std::snprintf(wanted[i], sizeof wanted[i], "pipe:[%llu]", (unsigned long long)inodes[i]);
+    while (dirent* entry = ::readdir(dir)) {
+        char target[64];
+        ssize_t n = ::readlinkat(::dirfd(dir), entry->d_name, target, sizeof target - 1);
+        if (n <= 0) continue;
+        target[n] = '\0';
+        if (std::strcmp(target, wanted[0]) != 0 && std::strcmp(target, wanted[1]) != 0) continue;
+        // Our own read end is inherited by nobody (close-on-exec), but a
+        // fork() of the host that did not exec holds it too; only git's end
+        // marks a process of this run.
+        char info[300];
+        std::snprintf(info, sizeof info, "/proc/%d/fdinfo/%s", static_cast<int>(pid), entry->d_name);
+        Fd fd(::open(info, O_RDONLY | O_CLOEXEC));
+        char text[256];
+        ssize_t m = fd.get() < 0 ? -1 : ::read(fd.get(), text, sizeof text - 1);
+        if (m <= 0) continue;
+        text[m] = '\0';
+        const char* flags = std::strstr(text, "flags:");
+        if (flags && (std::strtoul(flags + 6, nullptr, 8) & O_ACCMODE) == O_WRONLY) {
+            holds = true;
+            break;
+        }
+    }
+    ::closedir(dir);
+    return holds;
+}
+
+// Stops, then kills, everything one run started and may still be running:
+// git's descendants (followed through parent links, also those that left its
+// process group), the members of git's own process group when it has one,
+// and, while one of our pipes is still open, every process that holds its
+// write end (a grandchild whose parent exited belongs to init by now, and
+// can be found only that way). Each process is stopped as soon as it is
+// found, so that it starts nothing new, and /proc is read again until a pass
+// finds nobody new; then all of them are killed.
+//
+// Only processes that started after git can be taken (which also keeps the
+// pass short: most of /proc is rejected on one read). A process is signalled
+// through a pidfd opened after it was found, and only if it still meets the
+// test that found it after the pidfd was opened: a pid that was reused in
+// between names a process that fails the test. The host's own children other
+// than git (other runs, a fork() of the host) are never taken.
+class Sweep {
+public:
+    Sweep(pid_t git, int git_pidfd, bool git_gone, unsigned long long git_started, bool own_group,
+          const ino_t (&pipes)[2], bool pipes_open, bool use_pidfd)
+        : git_(git), git_pidfd_(git_pidfd), git_gone_(git_gone), own_group_(own_group), pipes_open_(pipes_open),
+          use_pidfd_(use_pidfd), self_(::getpid()), git_started_(git_started) {
+        pipes_[0] = pipes[0];
+        pipes_[1] = pipes[1];
+    }
+
+    void run() noexcept {
+        if (!git_gone_) send_signal(git_, git_pidfd_, SIGSTOP);
+        try {
+            for (int pass = 0; pass < 64 && find_more(); ++pass) {
+            }
+        } catch (...) {
+            // Out of memory: what was found (and stopped) is killed all the same.
+        }
+        for (auto& [pid, fd] : found_) send_signal(pid, fd.get(), SIGKILL);
+    }
+
+private:
+    bool known(pid_t pid) const {
+        return pid == git_ || std::any_of(found_.begin(), found_.end(), [pid](const auto& f) { return f.first == pid; });
+    }
+
+    bool ours(pid_t pid) const {
+        ProcStat st;
+        if (!read_stat(pid, st) || st.started < git_started_ || st.ppid == self_) return false;
+        if (!git_gone_ && (st.ppid == git_ || (own_group_ && st.pgrp == git_))) return true;
+        if (std::any_of(found_.begin(), found_.end(), [&](const auto& f) { return f.first == st.ppid; })) return true;
+        return pipes_open_ && holds_write_end(pid, pipes_);
+    }
+
+    // One pass over /proc; true when it found someone new.
+    bool find_more() {
+        std::unique_ptr<DIR, int (*)(DIR*)> proc(::opendir("/proc"), ::closedir);
+        if (!proc) return false;
+        bool more = false;
+        while (dirent* entry = ::readdir(proc.get())) {
+            char* end;
+            long pid = std::strtol(entry->d_name, &end, 10);
+            if (pid <= 0 || *end || pid == self_ || known(static_cast<pid_t>(pid)) || !ours(static_cast<pid_t>(pid)))
+                continue;
+            Fd fd(use_pidfd_ ? pidfd_open(static_cast<pid_t>(pid)) : -1);
+            if (fd.get() >= 0 && !ours(static_cast<pid_t>(pid))) continue;
+            auto& [found_pid, found_fd] = found_.emplace_back(static_cast<pid_t>(pid), std::move(fd));
+            send_signal(found_pid, found_fd.get(), SIGSTOP);
+            more = true;
+        }
+        return more;
+    }
+
+    pid_t git_;
+    int git_pidfd_;
+    bool git_gone_, own_group_, pipes_open_, use_pidfd_;
+    pid_t self_;
+    unsigned long long git_started_;
+    ino_t pipes_[2];
+    std::vector<std::pair<pid_t, Fd>> found_;
+};
+
+// The one owner of the started git. Git is kept unreaped (a zombie once it has
+// exited) until the run ends, so its pid and its process group id cannot be
+// reused while the run may still signal them; it is reaped once, at the end,
+// on every way out.
+class Child {
+public:
+    // `pipes`: our read ends, open as long as this object lives.
+    Child(pid_t pid, unsigned long long started, bool own_group, bool use_pidfd, const int (&pipes)[2])
+        : pid_(pid), started_(started), own_group_(own_group), use_pidfd_(use_pidfd) {
+        pipes_[0] = pipes[0];
+        pipes_[1] = pipes[1];
+        if (use_pidfd_) {
+            pidfd_.reset(pidfd_open(pid));
+            // Already exited and taken by the kernel (the host ignores
+            // SIGCHLD): nothing to watch.
+            if (pidfd_.get() < 0 && errno == ESRCH) learn_exit(false);
+        }
+    }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+    ~Child() {
+        if (!reaped_) stop_everything(true);
+    }
+
+    int pidfd() const { return pidfd_.get(); }
+    bool exited() const { return exited_; }
+
+    // Takes git's exit status without reaping it; `wait` when it is known to
+    // have exited (its pidfd is readable). Where the host ignores SIGCHLD the
+    // kernel reaps git itself and no status is left: like subprocess, the run
+    // then counts as exit code 0.
+    void learn_exit(bool wait) {
+        siginfo_t info{};
+        int r;
+        do {
+            r = ::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOWAIT | (wait ? 0 : WNOHANG));
+        } while (r < 0 && errno == EINTR);
+        if (r == 0 && info.si_pid == pid_) {
+            exited_ = true;
+            code_ = info.si_code == CLD_EXITED ? info.si_status : -info.si_status;
+        } else if (r < 0 && errno == ECHILD) {
+            exited_ = gone_ = true;
+            code_ = 0;
+        }
+    }
+
+    // Stops and kills what the run started (see Sweep), then reaps git.
+    void stop_everything(bool pipes_open) noexcept {
+        // Without a pidfd, git's exit is otherwise looked for only once both
+        // pipes are closed: where the kernel reaps git itself, its pid must
+        // not be signalled after that.
+        if (!exited_) learn_exit(false);
+        const ino_t inodes[2] = {inode_of(pipes_[0]), inode_of(pipes_[1])};
+        Sweep(pid_, pidfd_.get(), gone_, started_, own_group_, inodes, pipes_open, use_pidfd_).run();
+        if (!gone_) {
+            if (own_group_) ::kill(-pid_, SIGKILL);  // git's group id is still held by git
+            send_signal(pid_, pidfd_.get(), SIGKILL);
+        }
+        reap();
+    }
+
+    // Reaps git (once) and gives its exit code.
+    int reap() {
+        if (!reaped_ && !gone_) {
+            int status = 0;
+            pid_t r;
+            while ((r = ::waitpid(pid_, &status, 0)) < 0 && errno == EINTR) {
+            }
+            if (!exited_ && r == pid_) code_ = WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+        }
+        reaped_ = true;
+        return code_;
+    }
+
+private:
+    pid_t pid_;
+    unsigned long long started_;  // no later than git's start, in ProcStat::started ticks
+    Fd pidfd_;
+    bool own_group_, use_pidfd_;
+    int pipes_[2];
+    bool exited_ = false, gone_ = false, reaped_ = false;
+    int code_ = 0;
+};
+
+// One output stream being read.
+struct Stream {
+    Fd fd;
+    OutputBuffer& buffer;
+    bool open = true;
+
+    // One read of what is there; the stream closes at end of file (or a
+    // read error, which ends it the same way).
+    void read_some() {
+        std::span<char> room = buffer.room();
+        ssize_t n = ::read(fd.get(), room.data(), room.size());
+        if (n > 0) {
+            buffer.commit(static_cast<std::size_t>(n));
+        } else if (n == 0 || (errno != EAGAIN && errno != EINTR)) {
+            open = false;
+        }
+    }
+};
+
+}  // namespace
+
+Outcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
+    SignalGate gate;
+    Fd out_w, err_w, tty_master, tty_slave;
+    Stream streams[2] = {{Fd(), out}, {Fd(), err}};
+    make_pipe(streams[0].fd, out_w);
+    make_pipe(streams[1].fd, err_w);
+    // Bigger pipes mean fewer wake-ups for large outputs; failure is harmless.
+    ::fcntl(streams[0].fd.get(), F_SETPIPE_SZ, 1 << 20);
+    const int pipes[2] = {streams[0].fd.get(), streams[1].fd.get()};
+
+    SpawnSetup setup;
+    if (request.stdin_mode == StdinMode::Null) {
+        posix_spawn_file_actions_addopen(&setup.actions, 0, "/dev/null", O_RDONLY, 0);
+    } else if (request.stdin_mode == StdinMode::Terminal) {
+        open_terminal(tty_master, tty_slave);
+        posix_spawn_file_actions_adddup2(&setup.actions, tty_slave.get(), 0);
+    }
+    posix_spawn_file_actions_adddup2(&setup.actions, out_w.get(), 1);
+    posix_spawn_file_actions_adddup2(&setup.actions, err_w.get(), 2);
+    posix_spawn_file_actions_addchdir_np(&setup.actions, request.cwd.c_str());
+    // Like subprocess's close_fds: git inherits nothing but 0, 1 and 2.
+    posix_spawn_file_actions_addclosefrom_np(&setup.actions, 3);
+
+    // Signals the host ignores or blocks are not git's business: SIGPIPE and
+    // SIGXFSZ back to their defaults as subprocess does, and SIGCHLD too (git
+    // waits for the programs it runs, which fails where SIGCHLD is ignored);
+    // no blocked signals inherited from the calling thread.
+    sigset_t defaults, empty;
+    sigemptyset(&empty);
+    sigemptyset(&defaults);
+    for (int sig : {SIGPIPE, SIGXFSZ, SIGCHLD}) sigaddset(&defaults, sig);
+    posix_spawnattr_setsigdefault(&setup.attr, &defaults);
+    posix_spawnattr_setsigmask(&setup.attr, &empty);
+    short flags = POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK;
+    const bool own_group = !caller_is_foreground_job();
+    if (own_group) {
+        posix_spawnattr_setpgroup(&setup.attr, 0);
+        flags |= POSIX_SPAWN_SETPGROUP;
+    }
+    posix_spawnattr_setflags(&setup.attr, flags);
+
+    std::vector<char*> argv;
+    argv.reserve(request.args.size() + 2);
+    static char git_name[] = "git";
+    argv.push_back(git_name);
+    for (const auto& a : request.args) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    std::vector<char*> envp;
+    envp.reserve(request.env.size() + 1);
+    for (std::size_t i = 0; i < request.env.size(); ++i) envp.push_back(const_cast<char*>(request.env.c_str(i)));
+    envp.push_back(nullptr);
+    const std::string program = find_git(request.env, request.cwd);
+
+    const unsigned long long started = boot_ticks();
+    pid_t pid = -1;
+    int rc = ::posix_spawn(&pid, program.c_str(), &setup.actions, &setup.attr, argv.data(), envp.data());
+    if (rc != 0) {
+        if (rc == ENOENT) return {RunStatus::NotFound, 0};
+        throw OsError(rc, failed_start_filename(request.cwd));
+    }
+    Child child(pid, started, own_group, request.use_pidfd, pipes);
+    out_w.reset();
+    err_w.reset();
+    tty_slave.reset();
+    if (tty_master.get() >= 0) {
+        // End of file on the terminal (it starts in canonical mode): git
+        // reads stdin only when it has no revision to summarise (outside a
+        // repository, no commits yet), and then it must not wait for input.
+        const char eof = 0x04;
+        (void)!::write(tty_master.get(), &eof, 1);
+    }
+
+    const bool limited = request.deadline != Clock::time_point::max();
+    try {
+        for (;;) {
+            const bool reading = streams[0].open || streams[1].open;
+            if (!child.exited() && !reading && child.pidfd() < 0) child.learn_exit(false);
+            if (child.exited() && !reading) break;
+
+            timespec wait{}, *wait_for = nullptr;
+            if (limited) {
+                const auto left = request.deadline - Clock::now();
+                if (left <= Clock::duration::zero()) {
+                    child.stop_everything(reading);
+                    return {RunStatus::TimedOut, 0};
+                }
+                const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(left).count();
+                wait = {static_cast<time_t>(ns / 1000000000), static_cast<long>(ns % 1000000000)};
+                wait_for = &wait;
+            }
+            if (!child.exited() && !reading && child.pidfd() < 0) {
+                // No pidfd: both pipes are closed, so git is finishing; look
+                // for its exit in short steps.
+                if (!wait_for || wait.tv_sec > 0 || wait.tv_nsec > 5000000) wait = {0, 5000000};
+                wait_for = &wait;
+            }
+
+            pollfd fds[3];
+            nfds_t n = 0;
+            int at[3] = {-1, -1, -1};
+            for (int i = 0; i < 2; ++i)
+                if (streams[i].open) fds[at[i] = static_cast<int>(n++)] = {streams[i].fd.get(), POLLIN, 0};
+            if (!child.exited() && child.pidfd() >= 0) fds[at[2] = static_cast<int>(n++)] = {child.pidfd(), POLLIN, 0};
+            if (::ppoll(fds, n, wait_for, gate.open()) < 0) {
+                if (errno != EINTR) throw std::system_error(errno, std::generic_category(), "poll");
+                if (request.on_interrupt && gate.call_open(request.on_interrupt)) {
+                    child.stop_everything(reading);
+                    return {RunStatus::Interrupted, 0};
+                }
+                continue;
+            }
+            // One read per stream and wake-up: the deadline is looked at again
+            // before the next, however fast git writes.
+            for (int i = 0; i < 2; ++i)
+                if (at[i] >= 0 && fds[at[i]].revents) streams[i].read_some();
+            if (at[2] >= 0 && fds[at[2]].revents) child.learn_exit(true);
+        }
+    } catch (...) {
+        out.clear();  // the memory may be what the sweep needs
+        err.clear();
+        child.stop_everything(true);
+        throw;
+    }
+    return {RunStatus::Exited, child.reap()};
+}
+
+}  // namespace process
+SilentTerminal::SilentTerminal() {
+    process::Fd master, slave;
+    process::open_terminal(master, slave);
+    // End of file on the terminal (it starts in canonical mode), so a git that
+    // reads standard input does not wait for it.
+    const char eof = 0x04;
+    (void)!::write(master.get(), &eof, 1);
+    master_ = master.release();
+    slave_ = slave.release();
+}
+
+SilentTerminal::~SilentTerminal() {
+    if (slave_ >= 0) ::close(slave_);
+    if (master_ >= 0) ::close(master_);
+}
+
+}  // namespace git_utils
