@@ -161,6 +161,14 @@ Moment moment_argument(const Call& call, PyObject* value, const char* func, cons
 // A Path of the namespace from a path in the operating system's encoding.
 Ref path_object(const Call& call, const std::string& os_path);
 
+// An attribute, and a method called with positional arguments, by name. The
+// name is interned: CPython's type attribute cache keeps the name object of
+// every lookup, and a fresh name on each call would pile up there.
+Ref attr(PyObject* obj, const char* name);
+Ref call_method(PyObject* obj, const char* name, std::initializer_list<PyObject*> args = {});
+// An int object for small arguments (match.group(1)).
+Ref small_int(long value);
+
 // --- logging and errors (module.cpp) -----------------------------------------
 
 // logger.<level>(message, *args) through the namespace's `logger`.

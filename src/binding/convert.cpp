@@ -15,6 +15,21 @@ void raise(PyObject* type, const char* format, ...) {
     throw PyErrSet{};
 }
 
+Ref attr(PyObject* obj, const char* name) {
+    Ref key = check(PyUnicode_InternFromString(name));
+    return check(PyObject_GetAttr(obj, key.get()));
+}
+
+Ref call_method(PyObject* obj, const char* name, std::initializer_list<PyObject*> args) {
+    Ref key = check(PyUnicode_InternFromString(name));
+    PyObject* stack[8] = {obj};
+    std::size_t n = 1;
+    for (PyObject* a : args) stack[n++] = a;
+    return check(PyObject_VectorcallMethod(key.get(), stack, n, nullptr));
+}
+
+Ref small_int(long value) { return check(PyLong_FromLong(value)); }
+
 Ref str_from_utf8(std::string_view text) {
     // "surrogatepass" lets lone surrogates that came in from Python go back out.
     return check(PyUnicode_DecodeUTF8(text.data(), static_cast<Py_ssize_t>(text.size()), "surrogatepass"));

@@ -217,11 +217,11 @@ Ref Call::get(Name name) const {
 
 void log(const Call& call, const char* level, const char* message, std::initializer_list<PyObject*> args) {
     Ref logger_obj = call.get(logger);
-    Ref method = check(PyObject_GetAttrString(logger_obj.get(), level));
     Ref text = check(PyUnicode_FromString(message));
     PyObject* stack[6] = {text.get()};
     std::size_t n = 1;
     for (PyObject* a : args) stack[n++] = a;
+    Ref method = attr(logger_obj.get(), level);
     check(PyObject_Vectorcall(method.get(), stack, n, nullptr));
 }
 

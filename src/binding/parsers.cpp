@@ -57,7 +57,7 @@ public:
             return Ref::borrow(call_.st->modified);
         }
         Ref key = str_from_utf8(letter);
-        return check(PyObject_CallMethod(table_.get(), "get", "OO", key.get(), call_.st->modified));
+        return call_method(table_.get(), "get", {key.get(), call_.st->modified});
     }
 
 private:
@@ -318,7 +318,7 @@ public:
         : native_(utf8), utf8_(utf8), text_(Ref::borrow(text)) {
         Ref pattern = call.get(_C_ESCAPE);
         table_ = call.get(_C_ESCAPES);
-        if (!call.is_own(_C_ESCAPE, pattern)) matches_ = check(PyObject_CallMethod(pattern.get(), "finditer", "O", text));
+        if (!call.is_own(_C_ESCAPE, pattern)) matches_ = call_method(pattern.get(), "finditer", {text});
         if (matches_) matches_ = check(PyObject_GetIter(matches_.get()));
         native_letters_ = call.is_own(_C_ESCAPES, table_) && native_letters(table_);
     }
@@ -334,7 +334,7 @@ public:
         }
         const std::size_t start = byte_offset(index_of(m, "start"));
         const std::size_t end = byte_offset(index_of(m, "end"));
-        Ref code = check(PyObject_CallMethod(m.get(), "group", "i", 1));
+        Ref code = call_method(m.get(), "group", {small_int(1).get()});
         codes_.push_back(str_argument(code.get(), "_unquote", "_C_ESCAPE group"));
         return Escape{start, std::max(start, end), codes_.back()};
     }
@@ -342,13 +342,13 @@ public:
     void letter(std::string_view code, std::string& bytes) {
         if (native_letters_) return NativeEscapes::letter(code, bytes);
         Ref key = str_from_utf8(code);
-        Ref mapped = check(PyObject_CallMethod(table_.get(), "get", "OO", key.get(), key.get()));
+        Ref mapped = call_method(table_.get(), "get", {key.get(), key.get()});
         bytes += str_argument(mapped.get(), "_unquote", "_C_ESCAPES value");
     }
 
 private:
     static Py_ssize_t index_of(const Ref& match, const char* method) {
-        Ref v = check(PyObject_CallMethod(match.get(), method, nullptr));
+        Ref v = call_method(match.get(), method);
         const Py_ssize_t i = PyNumber_AsSsize_t(v.get(), PyExc_OverflowError);
         if (i == -1 && PyErr_Occurred()) throw PyErrSet{};
         return i;
@@ -442,7 +442,7 @@ public:
             return true;
         }
         Ref text = str_from_utf8(line);
-        Ref m = check(PyObject_CallMethod(header_.get(), "match", "O", text.get()));
+        Ref m = call_method(header_.get(), "match", {text.get()});
         if (m.get() == Py_None) return false;
         h.old_count = group_number(m, 1);
         std::optional<Ref> start = group_number(m, 2);
@@ -478,7 +478,7 @@ public:
 private:
     // A group of the header's match as int(); none when it did not take part.
     static std::optional<Ref> group_number(const Ref& m, int group) {
-        Ref g = check(PyObject_CallMethod(m.get(), "group", "i", group));
+        Ref g = call_method(m.get(), "group", {small_int(group).get()});
         if (g.get() == Py_None) return std::nullopt;
         if (PyUnicode_Check(g.get())) {
             std::string scratch;

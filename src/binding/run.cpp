@@ -168,18 +168,22 @@ private:
             if (request_.stdin_mode == StdinMode::Terminal && terminal.emplace().fd() >= 0)
                 stdin_value = check(PyLong_FromLong(terminal->fd()));
             else
-                stdin_value = check(PyObject_GetAttrString(sp.get(), "DEVNULL"));
+                stdin_value = attr(sp.get(), "DEVNULL");
             check(PyDict_SetItemString(kwargs.get(), "stdin", stdin_value.get()));
         }
-        Ref run = check(PyObject_GetAttrString(sp.get(), "run"));
+        Ref run = attr(sp.get(), "run");
         Ref pargs = check(PyTuple_Pack(1, command.get()));
         Ref completed(PyObject_Call(run.get(), pargs.get(), kwargs.get()));
         RunOutcome outcome;
         if (!completed) {
             // Keep the run's own exception while looking up what it may be.
             Ref raised(PyErr_GetRaisedException());
-            Ref expired(PyObject_GetAttrString(sp.get(), "TimeoutExpired"));
-            if (!expired) PyErr_Clear();
+            Ref expired;
+            try {
+                expired = attr(sp.get(), "TimeoutExpired");
+            } catch (PyErrSet&) {
+                PyErr_Clear();  // a subprocess without it: the run's own error stands
+            }
             const bool is_timeout = expired && PyType_Check(expired.get()) &&
                                     PyObject_IsInstance(raised.get(), expired.get()) == 1;
             if (PyErr_Occurred()) PyErr_Clear();
@@ -194,9 +198,9 @@ private:
             PyErr_SetRaisedException(raised.release());
             throw PyErrSet{};
         }
-        Ref out = check(PyObject_GetAttrString(completed.get(), "stdout"));
-        Ref err = check(PyObject_GetAttrString(completed.get(), "stderr"));
-        Ref rc = check(PyObject_GetAttrString(completed.get(), "returncode"));
+        Ref out = attr(completed.get(), "stdout");
+        Ref err = attr(completed.get(), "stderr");
+        Ref rc = attr(completed.get(), "returncode");
         if (out.get() != Py_None) outcome.out = str_argument(out.get(), "subprocess.run", "stdout");
         if (err.get() != Py_None) outcome.err = str_argument(err.get(), "subprocess.run", "stderr");
         int overflow = 0;

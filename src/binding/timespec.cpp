@@ -20,10 +20,10 @@ public:
     std::optional<RelativeSpec> match_relative(std::string_view spec) {
         if (call_.is_own(_RELATIVE_SPEC, pattern_)) return match_relative_spec(spec);
         Ref text = str_from_utf8(spec);
-        Ref m = check(PyObject_CallMethod(pattern_.get(), "fullmatch", "O", text.get()));
+        Ref m = call_method(pattern_.get(), "fullmatch", {text.get()});
         if (m.get() == Py_None) return std::nullopt;
-        Ref digits = check(PyObject_CallMethod(m.get(), "group", "i", 1));
-        Ref unit = check(PyObject_CallMethod(m.get(), "group", "i", 2));
+        Ref digits = call_method(m.get(), "group", {small_int(1).get()});
+        Ref unit = call_method(m.get(), "group", {small_int(2).get()});
         digits_ = str_argument(digits.get(), "parse_time_spec", "_RELATIVE_SPEC group 1");
         unit_ = str_argument(unit.get(), "parse_time_spec", "_RELATIVE_SPEC group 2");
         return RelativeSpec{digits_, unit_};
@@ -40,7 +40,7 @@ public:
                 return local(subtract_span(local_now(), rel.digits, *micros));
         }
         Ref amount = int_from_decimal(read_decimal_integer(rel.digits));
-        Ref now = check(PyObject_CallMethod(datetime_.get(), "now", nullptr));
+        Ref now = call_method(datetime_.get(), "now");
         Ref kwargs = check(PyDict_New());
         check(PyDict_SetItem(kwargs.get(), unit.get(), amount.get()));
         Ref span(PyObject_Call(timedelta_cls.get(), call_.st->empty_tuple, kwargs.get()));
