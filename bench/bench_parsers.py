@@ -88,6 +88,9 @@ def c_floor(git_utils, kind: str, result):
     return lambda: af.new_and_fill(git_utils.FileChange, changes, FIELDS["FileChange"])
 
 
+BASELINE = None  # (label, module) of another build measured beside this one
+
+
 def parsers(report: Report, git_utils, repo, calls: int) -> dict[str, int]:
     inputs = {
         "log": (capture(repo, LOG_ARGS), "parse_commit_changes"),
@@ -114,6 +117,10 @@ def parsers(report: Report, git_utils, repo, calls: int) -> dict[str, int]:
             contenders.append(python_contender(f"git_utils.{func}", lambda f=lib_fn, t=text: f(t)))
             contenders.append(python_contender(floor_name, c_floor(git_utils, kind, got)))
             del got
+            if BASELINE:
+                label, other = BASELINE
+                other_fn = getattr(other, func)
+                contenders.append(python_contender(f"{label}: git_utils.{func}", lambda f=other_fn, t=text: f(t)))
         contenders.append(python_contender(f"reference.{func}", lambda f=ref_fn, t=text: f(t)))
         sep = "\n" if kind == "patch" else "\0"
         contenders.append(python_contender(f"str.split({sep!r}) only", lambda t=text, s=sep: t.split(s)))
@@ -217,6 +224,8 @@ def main() -> int:
         opts.calls = 2
 
     git_utils = common.load_extension(opts.allow_missing)
+    global BASELINE
+    BASELINE = common.load_baseline()
     repo = common.synthetic_repo()
     report = Report("Parsers: library against plain Python")
     t0 = time.perf_counter()

@@ -125,6 +125,7 @@ def queries(repo, quick: bool) -> list[Query]:
 
 
 def measure(report: Report, git_utils, repo, quick: bool) -> None:
+    baseline = common.load_baseline()
     rows, notes = [], []
     report.data["queries"] = {}
     for q in queries(repo, quick):
@@ -137,12 +138,14 @@ def measure(report: Report, git_utils, repo, quick: bool) -> None:
             if git_utils is not None:
                 same = "yes" if normalise(q.run(git_utils)) == normalise(expected) else "NO"
                 contenders.append(python_contender("library", lambda q=q: q.run(git_utils)))
+                if baseline:
+                    contenders.append(python_contender(baseline[0], lambda q=q, m=baseline[1]: q.run(m)))
             contenders.append(python_contender("plain Python", lambda q=q: q.run(reference)))
             stats = {s.name: s for s in interleave(contenders, q.calls, per_turn=q.per_turn, warmup=1)}
         report.data["queries"][q.name] = {name: s.as_json() for name, s in stats.items()}
         f, p = stats["floor"].median, stats["plain Python"].median
         lib = stats["library"].median if "library" in stats else None
-        rows.append([
+        row = [
             q.call, q.calls, fmt_ms(f),
             fmt_ms(lib) if lib is not None else "n/a",
             fmt_ms(p),
@@ -150,7 +153,11 @@ def measure(report: Report, git_utils, repo, quick: bool) -> None:
             fmt_ratio(p / lib) if lib is not None else "n/a",
             fmt_ratio(p / f),
             same,
-        ])
+        ]
+        if baseline and lib is not None:
+            before = stats[baseline[0]].median
+            row[4:4] = [fmt_ms(before), fmt_ratio(lib / before)]
+        rows.append(row)
         notes.append(f"- {q.name}: {describe(expected)}; git wrote {floor.stdout_bytes:,} bytes"
                      + (f" over {len(q.git_args)} commands" if len(q.git_args) > 1 else "")
                      + f"; exit codes {sorted(floor.exit_codes)}")
@@ -158,8 +165,10 @@ def measure(report: Report, git_utils, repo, quick: bool) -> None:
     report.add("\n".join([
         f"Synthetic repository ({repo.name}, main {common.SYNTHETIC_MAIN}, feature {common.SYNTHETIC_FEATURE}); "
         f"it {graph}. Medians in ms; contenders interleaved.", "",
-        markdown_table(["query", "calls", "floor", "library", "plain Python", "library / floor",
-                        "plain / library", "plain / floor", "same answer"], rows, "lrrrrrrrc"),
+        markdown_table(["query", "calls", "floor", "library"]
+                       + ([baseline[0], f"library / {baseline[0]}"] if baseline else [])
+                       + ["plain Python", "library / floor", "plain / library", "plain / floor", "same answer"],
+                       rows, "lrrrrrrrc" + ("rr" if baseline else "")),
         "", "Answers:", *notes]))
 
 

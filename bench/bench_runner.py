@@ -57,6 +57,10 @@ def per_call_stats(git_utils, repo: Path, calls: int):
     if git_utils is not None:
         contenders.append(python_contender("git_utils.run_git_command",
                                            lambda: git_utils.run_git_command(repo, args)))
+        baseline = common.load_baseline()
+        if baseline:
+            contenders.append(python_contender(f"{baseline[0]}: git_utils.run_git_command",
+                                               lambda m=baseline[1]: m.run_git_command(repo, args)))
     contenders.append(python_contender("subprocess.run (text)", lambda: subprocess_run(repo, args)))
     # Turns of 10, each opened by an untimed call: no timed call is the first
     # after another contender ran. Turns of 1 or 5 without that call moved the

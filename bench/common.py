@@ -98,9 +98,9 @@ def alloc_floor_module():
                "-o", str(so), str(ALLOC_FLOOR_SRC)]
         log(" ".join(cmd))
         subprocess.run(cmd, check=True)
-    spec = importlib.util.spec_from_file_location("alloc_floor", so)
-    module = importlib.util.module_from_spec(spec)
-    spec.loader.exec_module(module)
+    found = importlib.util.spec_from_file_location("alloc_floor", so)
+    module = importlib.util.module_from_spec(found)
+    found.loader.exec_module(module)
     return module
 
 
@@ -122,6 +122,25 @@ def load_extension(allow_missing: bool = False):
             log("NOTE: " + message.splitlines()[0] + " -- library columns skipped")
             return None
         raise SystemExit(message) from exc
+
+
+def load_baseline():
+    """A second build of the extension to compare with, in the same process:
+    GIT_UTILS_BASELINE names its module file (for example the build of an
+    earlier commit). Its label is GIT_UTILS_BASELINE_LABEL, default "before".
+    Returns (label, module) or None."""
+    so = os.environ.get("GIT_UTILS_BASELINE")
+    if not so:
+        return None
+    import importlib.machinery
+    import importlib.util
+
+    name = "baseline_build.git_utils"  # the last part names its init function
+    loader = importlib.machinery.ExtensionFileLoader(name, so)
+    found = importlib.util.spec_from_file_location(name, so, loader=loader)
+    module = importlib.util.module_from_spec(found)
+    found.loader.exec_module(module)
+    return os.environ.get("GIT_UTILS_BASELINE_LABEL", "before"), module
 
 
 # ---------------------------------------------------------------------------

@@ -6,32 +6,34 @@
 #include <string>
 #include <string_view>
 
+#include "src/core/changes.hpp"
 #include "utils/git_utils.hpp"
 
 namespace {
 
 void check(std::string_view output) {
-    const git_utils::CommitLogScan scan = git_utils::commit_change_views(output);
-    const std::vector<git_utils::CommitView>& views = scan.commits;
+    git_utils::CommitLog log;
+    bool failed = false;
+    try {
+        log = git_utils::commit_log(output);
+    } catch (const std::invalid_argument&) {
+        failed = true;  // a commit time that is no integer
+    }
     // Each commit's files follow the previous commit's, and every path id is
     // below the count of distinct paths.
     std::size_t next = 0;
-    for (const git_utils::CommitView& c : views) {
-        if (c.first_file != next) __builtin_trap();
+    for (const git_utils::CommitEntry& c : log.commits) {
+        if (c.first_file != next || !c.time.valid) __builtin_trap();
         next += c.file_count;
     }
-    if (next != scan.files.size()) __builtin_trap();
-    for (const git_utils::FileChangeView& f : scan.files)
-        if (f.path_id >= scan.distinct_paths) __builtin_trap();
-    // Only the last commit may carry an invalid stamp: the parse stops there.
-    for (std::size_t i = 0; i + 1 < views.size(); ++i)
-        if (!views[i].valid) __builtin_trap();
-    bool failed = !views.empty() && !views.back().valid;
+    if (next != log.files.size()) __builtin_trap();
+    for (const auto& f : log.files)
+        if (f.path_id >= log.distinct_paths) __builtin_trap();
     try {
         std::vector<git_utils::CommitChanges> commits = git_utils::parse_commit_changes(output);
-        if (failed || commits.size() != views.size()) __builtin_trap();
+        if (failed || commits.size() != log.commits.size()) __builtin_trap();
     } catch (const std::out_of_range&) {
-        // A timestamp beyond 64 bits.
+        // A time beyond 64 bits.
     } catch (const std::invalid_argument&) {
         if (!failed) __builtin_trap();
     }

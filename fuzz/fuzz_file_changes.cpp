@@ -5,25 +5,35 @@
 #include <string>
 #include <string_view>
 
+#include "src/core/changes.hpp"
 #include "utils/git_utils.hpp"
 
 namespace {
 
+// Steps that differ from the native ones, as a host's could.
+struct OtherSteps {
+    using Count = std::size_t;
+    bool two_path(std::string_view letter) const { return letter == "X" || letter == "R"; }
+    Count line_count(std::string_view field) const { return field.size(); }
+};
+
 void check(std::string_view output) {
-    std::vector<std::string_view> tokens = git_utils::split_nul(output);
-    std::vector<git_utils::FileChangeView> views = git_utils::file_change_views(tokens);
-    std::vector<git_utils::FileChange> records = git_utils::parse_file_changes(output);
-    if (records.size() != views.size()) __builtin_trap();
-    for (std::size_t i = 0; i < views.size(); ++i) {
-        const git_utils::FileChangeView& v = views[i];
+    const std::vector<std::string_view> tokens = git_utils::split_nul(output);
+    const auto entries = git_utils::file_entries(tokens);
+    const std::vector<git_utils::FileChange> records = git_utils::parse_file_changes(output);
+    if (records.size() != entries.size()) __builtin_trap();
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+        const auto& e = entries[i];
         // Every view lies inside the input.
-        if (v.path.empty() || v.path.data() < output.data() || v.path.data() + v.path.size() > output.data() + output.size())
+        if (e.path.empty() || e.path.data() < output.data() || e.path.data() + e.path.size() > output.data() + output.size())
             __builtin_trap();
-        if (records[i].path != v.path) __builtin_trap();
-        if (records[i].old_path.has_value() != v.old_path.has_value()) __builtin_trap();
+        if (records[i].path != e.path) __builtin_trap();
+        if (records[i].old_path.has_value() != e.old_path.has_value()) __builtin_trap();
     }
-    // A predicate other than the default takes the generic path.
-    git_utils::file_change_views(tokens, [](std::string_view letter) { return letter == "X" || letter == "R"; });
+    OtherSteps steps;
+    git_utils::FileChangeParser<OtherSteps> parser(steps);
+    std::vector<git_utils::FileEntry<std::size_t>> other;
+    parser.parse(tokens, other);
 }
 
 }  // namespace

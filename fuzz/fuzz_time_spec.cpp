@@ -15,6 +15,7 @@
 #include <string>
 #include <string_view>
 
+#include "src/core/timespec.hpp"
 #include "utils/git_utils.hpp"
 
 namespace {
@@ -59,7 +60,7 @@ bool clean(std::string_view text) {
 
 std::optional<Moment> parse(std::string_view since, const Moment* now, std::optional<std::string>* error) {
     try {
-        return now ? git_utils::parse_time_spec(since, *now) : git_utils::parse_iso_time_spec(since);
+        return now ? git_utils::parse_time_spec(since, *now) : git_utils::parse_iso_since(since, git_utils::strip(since));
     } catch (const git_utils::TimeSpecError& e) {
         const std::string quoted = git_utils::python_repr(since);
         const std::string expected =

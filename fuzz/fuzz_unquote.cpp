@@ -5,6 +5,7 @@
 #include <string>
 #include <string_view>
 
+#include "src/core/spans.hpp"
 #include "utils/git_utils.hpp"
 
 namespace {

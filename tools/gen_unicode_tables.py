@@ -38,7 +38,7 @@ def main():
         "#include <algorithm>",
         "#include <iterator>",
         "",
-        '#include "utils/git_utils.hpp"',
+        '#include "src/core/text.hpp"',
         "",
         "namespace git_utils {",
         "namespace {",

@@ -1,5 +1,20 @@
-// Shared pieces of the extension module: owned references, the module state,
-// call-time name lookup, and the table that describes every bound function.
+// Shared pieces of the extension module `git_utils`.
+//
+// The binding translates; the core decides. Every algorithm (the runner's,
+// the parsers', the queries' with their fallbacks and batching, the reading
+// of since values) is a template of the core (src/core/*.hpp). The binding
+// converts arguments, instantiates those templates with steps that are
+// either native or call what the host bound under the step's name in the
+// module namespace, converts the results and words Python's errors.
+//
+// Ownership rule. Every object taken from the module namespace, from host
+// code, or from an argument's protocol method (__fspath__, __index__,
+// __len__, ...) is held as an owned reference (`Ref`) for as long as it is
+// used. No borrowed pointer, C string or string_view into such an object
+// survives anything that can run Python code: a call, a comparison, a hash,
+// a `__fspath__`, an allocation that may start the garbage collector (and so
+// a finaliser). Host code can rebind any name at any moment, from any
+// thread. A view into a `str` is safe only while a `Ref` to that str is held.
 #pragma once
 
 #define PY_SSIZE_T_CLEAN
@@ -7,9 +22,28 @@
 
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
+#include "src/core/text.hpp"
 #include "utils/git_utils.hpp"
+
+// Python 3.12's way of holding the exception being raised, for 3.10 and 3.11.
+#if PY_VERSION_HEX < 0x030C0000
+inline PyObject* PyErr_GetRaisedException() {
+    PyObject *type, *value, *traceback;
+    PyErr_Fetch(&type, &value, &traceback);
+    PyErr_NormalizeException(&type, &value, &traceback);
+    if (value && traceback) PyException_SetTraceback(value, traceback);
+    Py_XDECREF(type);
+    Py_XDECREF(traceback);
+    return value;
+}
+inline void PyErr_SetRaisedException(PyObject* exc) {
+    if (!exc) return;
+    PyErr_Restore(Py_NewRef(reinterpret_cast<PyObject*>(Py_TYPE(exc))), exc, PyException_GetTraceback(exc));
+}
+#endif
 
 namespace git_utils::binding {
 
@@ -49,11 +83,15 @@ inline Ref check(PyObject* o) {
     if (!o) throw PyErrSet{};
     return Ref(o);
 }
-inline void check(int rc) {
+inline int check(int rc) {
     if (rc < 0) throw PyErrSet{};
+    return rc;
 }
 
-// Names the library looks up in its own namespace at each call.
+// Sets a TypeError (or another error class) and throws.
+[[noreturn]] void raise(PyObject* type, const char* format, ...);
+
+// Names the library binds and looks up in its own namespace at each call.
 enum Name : int {
 #define GIT_UTILS_NAME(id) id,
 #include "names.inc"
@@ -61,41 +99,85 @@ enum Name : int {
     NAME_COUNT
 };
 
-struct FunctionDef;
-
 // Per-module state: the module's own objects (to recognise them in the
-// namespace) and interned strings.
+// namespace) and strings made once.
 struct State {
     PyObject* own[NAME_COUNT];       // what loading bound under each name (strong refs)
     PyObject* names[NAME_COUNT];     // interned name strings
+    unsigned int record_tags[3];     // type version tags of the record classes as made
     PyTypeObject* function_type;     // type of the bound operations
     PyObject* empty_tuple;
     PyObject* timed_out_triple;      // ("", "Command timed out", 1)
     PyObject* not_found_triple;      // ("", "git not found", 1)
-    PyObject* str_debug;
-    PyObject* str_warning;
-    PyObject* str_strip;
     PyObject* field_names[3][5];     // FileChange, CommitChanges, LineSpan field names
-    PyObject* datetime_type;         // datetime.datetime as imported
-    PyObject* msg_failed;            // log message texts
-    PyObject* msg_timed_out;
-    PyObject* msg_not_found;
-    PyObject* msg_shortlog_failed;
+    PyObject* datetime_type;         // datetime.datetime as imported (for reading moments)
+    PyObject* modified;              // "modified", the default status
 };
 
 State* state_of(PyObject* module);
 
 // The running call: its module, state and namespace.
 struct Call {
-    PyObject* module;
+    PyObject* module;  // kept alive by the function object being called
     State* st;
-    PyObject* ns;  // the module's __dict__ (borrowed)
+    PyObject* ns;      // the module's __dict__ (it cannot be replaced)
 
-    // The object bound under `name` now (borrowed); NameError when missing.
-    PyObject* lookup(Name name) const;
-    // Whether `name` still holds what loading bound there.
-    bool is_own(Name name) const { return lookup(name) == st->own[name]; }
+    // The object bound under `name` now, owned; NameError when missing.
+    Ref get(Name name) const;
+    // Whether `obj` is what loading bound under `name`.
+    bool is_own(Name name, const Ref& obj) const { return obj.get() == st->own[name]; }
+    bool is_own(Name name) const { return is_own(name, get(name)); }
 };
+
+// --- conversions (convert.cpp) ----------------------------------------------
+
+Ref str_from_utf8(std::string_view text);    // well-formed UTF-8, or lone surrogates passed through
+Ref ascii_str(std::string_view text);         // text known to be ASCII
+// The UTF-8 of a str. The view points into the str's own cache, or into
+// `scratch` when it holds lone surrogates; hold the str while it is used.
+std::string_view utf8_view(PyObject* str, std::string& scratch);
+std::string utf8_of(PyObject* str);
+// The argument `value` of `func` must be a str; TypeError naming both.
+void require_str(PyObject* value, const char* func, const char* param);
+std::string str_argument(PyObject* value, const char* func, const char* param);
+// A list (any sequence, not str or bytes) of str, as UTF-8 strings;
+// `paths_too` also takes bytes and os.PathLike items, as process arguments.
+std::vector<std::string> str_list_argument(PyObject* value, const char* func, const char* param,
+                                           bool paths_too = false);
+// A list of str from UTF-8 strings.
+Ref str_list(const std::vector<std::string>& items);
+// An int from a decimal text, with no limit on its digits (Python's limit
+// on converting long digit strings guards against a cost this avoids).
+Ref int_from_decimal(const Decimal& d);
+Ref int_from_digits(std::string_view ascii_digits);
+// The text form of `repo_root` (str() of it) for the process's working
+// directory, in the operating system's encoding.
+std::string repo_root_text(PyObject* repo_root);
+// A str argument in the operating system's encoding (os.fsencode rules);
+// ValueError for an embedded NUL.
+std::string os_bytes(std::string_view utf8, const char* what);
+// A datetime as the moment it names, read through datetime's own fields.
+Moment moment_argument(const Call& call, PyObject* value, const char* func, const char* param);
+// A Path of the namespace from a path in the operating system's encoding.
+Ref path_object(const Call& call, const std::string& os_path);
+
+// An attribute, and a method called with positional arguments, by name. The
+// name is interned: CPython's type attribute cache keeps the name object of
+// every lookup, and a fresh name on each call would pile up there.
+Ref attr(PyObject* obj, const char* name);
+Ref call_method(PyObject* obj, const char* name, std::initializer_list<PyObject*> args = {});
+// An int object for small arguments (match.group(1)).
+Ref small_int(long value);
+
+// --- logging and errors (module.cpp) -----------------------------------------
+
+// logger.<level>(message, *args) through the namespace's `logger`.
+void log(const Call& call, const char* level, const char* message, std::initializer_list<PyObject*> args);
+
+// Translates a C++ exception escaping an implementation into a Python error.
+void set_python_error(const Call& call) noexcept;
+
+// --- the bound operations (defs.cpp) -----------------------------------------
 
 // Signature of a bound operation's implementation: the arguments arrive in
 // parameter order, defaults filled in. Returns a new reference or throws.
@@ -130,46 +212,138 @@ PyTypeObject* make_function_type(PyObject* module);
 // Creates one bound operation.
 Ref make_function(PyObject* module, const FunctionDef& def);
 
-// Records: creation of the dataclasses at load, and fast instances.
-Ref make_record_class(const Call& call, int which);  // 0 FileChange, 1 CommitChanges, 2 LineSpan
-// Builds an instance of `cls` from `values` (owned refs, moved in) without
-// running a Python __init__, as dataclass's own __init__ would leave it.
-Ref new_record(const Call& call, PyObject* cls, int which, PyObject* const* values, int count);
+// --- records (records.cpp) ----------------------------------------------------
 
-// Conversions.
-Ref str_from_utf8(std::string_view text);           // well-formed UTF-8 (or surrogates passed through)
-std::string utf8_of(PyObject* text);                // a str as UTF-8 (lone surrogates kept as 3 bytes)
-std::string_view utf8_view(PyObject* text, std::string& scratch);  // fast when possible
-std::string fs_bytes(PyObject* arg, const char* what);  // os.fsencode rules; ValueError on NUL
-std::string repo_root_text(PyObject* repo_root);    // str(repo_root), encoded for the OS
-Ref strip_str(PyObject* text);                      // text.strip()
+enum Record : int { FILE_CHANGE = 0, COMMIT_CHANGES = 1, LINE_SPAN = 2 };
 
-// Logging through the namespace's `logger`.
-void log(const Call& call, PyObject* method, PyObject* message, std::initializer_list<PyObject*> args);
+// Creates a record class at load (0 FileChange, 1 CommitChanges, 2 LineSpan).
+Ref make_record_class(const Call& call, Record which);
 
-// Translates a C++ exception escaping an implementation into a Python error.
-void set_python_error(const Call& call);
+// Builds records of the class bound under the record's name at the start of
+// a call. While that is the class loading made, unchanged since, an
+// instance is made as its dataclass __init__ would leave it without running
+// any Python code; otherwise the class is called.
+class RecordMaker {
+public:
+    RecordMaker(const Call& call, Record which);
+    // No Python code runs while this maker builds a record.
+    bool sealed() const { return sealed_; }
+    // `values` are the fields in order, owned by the caller.
+    Ref make(PyObject* const* values, int count) const;
 
-// The runner, for the other operations.
-struct NativeRun {
-    RunStatus status;
-    std::string out, err;  // decoded
-    int returncode;
+private:
+    const Call& call_;
+    Record which_;
+    Ref cls_;
+    bool sealed_;
 };
-// Runs git natively (GIL released), logs as the runner does; throws PyErrSet.
-NativeRun run_native(const Call& call, PyObject* repo_root, PyObject* args, PyObject* timeout,
-                     StdinMode stdin_mode = StdinMode::Inherit);
-// `_git_output` semantics through the namespace: the stdout text, or raises
-// GitError (PyErrSet).
-Ref git_output(const Call& call, PyObject* repo_root, PyObject* args);
-// The same, as UTF-8 for the native parsers.
-std::string git_output_text(const Call& call, PyObject* repo_root, PyObject* args);
-// `run_git_command` through the namespace: a result triple (new reference).
-Ref run_git(const Call& call, PyObject* repo_root, PyObject* args, StdinMode stdin_mode = StdinMode::Inherit);
-// A list of str from C++ strings.
-Ref str_list(const std::vector<std::string>& items);
-// Raises the namespace's GitError with `message`.
-[[noreturn]] void raise_git_error(const Call& call, PyObject* message);
+
+// A list or tuple made one item at a time, so that no list or tuple with
+// empty slots is ever visible to other code: while Python code may run
+// between two items, the items are kept until they all exist; while none can
+// (`sealed`), they go straight into a sequence made beforehand with `size`
+// slots, which nobody else can reach yet.
+class ListBuilder {
+public:
+    ListBuilder() = default;
+    ListBuilder(bool sealed, bool tuple, std::size_t size);
+    void reserve(std::size_t n) { items_.reserve(n); }
+    void add(Ref item);
+    Ref list();
+    Ref tuple();
+
+private:
+    std::vector<Ref> items_;
+    Ref made_;  // the sequence being filled, when sealed
+    Py_ssize_t filled_ = 0;
+};
+
+// Pauses the cyclic garbage collector while records are built, when no
+// Python code can run in between (so the host cannot change the setting
+// meanwhile): the records hold no cycles, and collections triggered by tens
+// of thousands of fresh objects would only traverse them.
+class GcPause {
+public:
+    explicit GcPause(bool active) : paused_(active && PyGC_Disable()) {}
+    ~GcPause() {
+        if (paused_) PyGC_Enable();
+    }
+    GcPause(const GcPause&) = delete;
+    GcPause& operator=(const GcPause&) = delete;
+
+private:
+    bool paused_;
+};
+
+// Runs `work` with the interpreter lock released when `release` holds. The
+// work must touch no Python object.
+template <class F>
+void without_gil(bool release, F&& work) {
+    if (!release) {
+        work();
+        return;
+    }
+    PyThreadState* saved = PyEval_SaveThread();
+    try {
+        work();
+    } catch (...) {
+        PyEval_RestoreThread(saved);
+        throw;
+    }
+    PyEval_RestoreThread(saved);
+}
+
+// Inputs smaller than this are scanned with the lock held: releasing it
+// costs more than the scan.
+inline constexpr std::size_t kReleaseThreshold = 1 << 16;
+
+// --- git's output on its way to a parser -------------------------------------
+
+// UTF-8 from the native runner, or the str a host's `_git_output` returned
+// (held, and read as UTF-8 in place).
+class Text {
+public:
+    explicit Text(std::string utf8) : bytes_(std::move(utf8)) {}
+    explicit Text(Ref str);
+    std::string_view view() const;
+    bool ascii() const;
+    // The text as a str (made once from the UTF-8 when it came as bytes).
+    Ref object();
+
+private:
+    std::string bytes_;
+    Ref str_;
+    bool from_bytes_ = true;
+};
+
+// --- entry points shared between files ----------------------------------------
+
+// The runner (run.cpp): one run through the namespace's runner, as the
+// lenient and strict queries make it.
+struct RunRequest {
+    PyObject* repo_root;           // the caller's object, handed to host code as given
+    std::vector<std::string> args; // UTF-8
+    PyObject* args_object = nullptr;  // the caller's list, when there is one (for host code and the log)
+    PyObject* timeout = nullptr;      // the caller's limit; null: the default
+    StdinMode stdin_mode = StdinMode::Inherit;
+};
+// `run_git_command` as the namespace holds it now.
+GitResult run_through_namespace(const Call& call, const RunRequest& request);
+// The library's own runner.
+GitResult run_own(const Call& call, const RunRequest& request);
+// The library's own `_git_output`: stdout, or GitError.
+std::string checked_own(const Call& call, const RunRequest& request);
+// A result triple as a tuple (the fixed triples shared).
+Ref triple_of(const Call& call, const GitResult& result);
+
+// The parsers (parsers.cpp), as the queries reach them through the namespace.
+Ref file_changes_of(const Call& call, Text& text);
+Ref commit_changes_of(const Call& call, Text& text);
+Ref line_spans_of(const Call& call, Text& text);
+
+// Period starts (timespec.cpp): `parse_time_spec` as the namespace holds it,
+// read as a moment.
+Moment period_start(const Call& call, std::string_view since);
 
 // Implementations, by family (one file each).
 Ref impl_run_git_command(const Call&, PyObject* const*);
@@ -182,17 +356,11 @@ Ref impl_file_changes(const Call&, PyObject* const*);
 Ref impl_line_count(const Call&, PyObject* const*);
 Ref impl_patch_path(const Call&, PyObject* const*);
 Ref impl_unquote(const Call&, PyObject* const*);
-Ref impl_unquote_text(const Call& call, PyObject* text);
-// Parsing of git output (UTF-8) for the queries, through the namespace.
-Ref file_changes_from_output(const Call& call, std::string_view output);
-Ref line_spans_of_text(const Call& call, std::string_view text);
-Ref commit_changes_from_output(const Call& call, std::string_view output);
-Ref commit_changes_of_text(const Call& call, std::string_view text, bool ascii);
+Ref impl_parse_time_spec(const Call&, PyObject* const*);
 Ref impl_find_git_root(const Call&, PyObject* const*);
 Ref impl_find_repo_root(const Call&, PyObject* const*);
 Ref impl_resolve_display_branch(const Call&, PyObject* const*);
 Ref impl_normalize_branch_name(const Call&, PyObject* const*);
-Ref impl_parse_time_spec(const Call&, PyObject* const*);
 Ref impl_get_head_commit(const Call&, PyObject* const*);
 Ref impl_get_default_branch(const Call&, PyObject* const*);
 Ref impl_branch_exists(const Call&, PyObject* const*);

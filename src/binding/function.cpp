@@ -5,7 +5,6 @@
 
 #include <structmember.h>
 
-#include <cctype>
 #include <cstring>
 #include <new>
 
@@ -38,6 +37,7 @@ std::size_t positional_count(const FunctionDef& def) {
 }
 
 void too_many_positional(FunctionObject* f, Py_ssize_t given) {
+    Ref qualname = Ref::borrow(f->qualname);
     const FunctionDef& def = *f->def;
     std::size_t npos = positional_count(def), required = 0;
     for (const auto& p : def.params)
@@ -47,22 +47,22 @@ void too_many_positional(FunctionObject* f, Py_ssize_t given) {
         takes = std::to_string(npos) + " positional argument" + (npos == 1 ? "" : "s");
     else
         takes = "from " + std::to_string(required) + " to " + std::to_string(npos) + " positional arguments";
-    PyErr_Format(PyExc_TypeError, "%U() takes %s but %zd %s given", f->qualname, takes.c_str(), given,
+    PyErr_Format(PyExc_TypeError, "%U() takes %s but %zd %s given", qualname.get(), takes.c_str(), given,
                  given == 1 ? "was" : "were");
 }
 
 void missing(FunctionObject* f, const std::vector<const char*>& names, bool keyword_only) {
+    Ref qualname = Ref::borrow(f->qualname);
     std::string list;
     for (std::size_t i = 0; i < names.size(); ++i) {
         if (i) list += names.size() == 2 ? " and " : (i + 1 == names.size() ? ", and " : ", ");
         list += "'" + std::string(names[i]) + "'";
     }
-    PyErr_Format(PyExc_TypeError, "%U() missing %zu required %s argument%s: %s", f->qualname, names.size(),
+    PyErr_Format(PyExc_TypeError, "%U() missing %zu required %s argument%s: %s", qualname.get(), names.size(),
                  keyword_only ? "keyword-only" : "positional", names.size() == 1 ? "" : "s", list.c_str());
 }
 
-PyObject* function_vectorcall(PyObject* self, PyObject* const* args, size_t nargsf, PyObject* kwnames) {
-    auto* f = reinterpret_cast<FunctionObject*>(self);
+PyObject* parse_and_call(FunctionObject* f, PyObject* const* args, size_t nargsf, PyObject* kwnames) {
     const FunctionDef& def = *f->def;
     const std::size_t nparams = def.params.size();
     const Py_ssize_t nargs = PyVectorcall_NARGS(nargsf);
@@ -74,7 +74,7 @@ PyObject* function_vectorcall(PyObject* self, PyObject* const* args, size_t narg
     }
     for (Py_ssize_t i = 0; i < nargs; ++i) values[i] = args[i];
     if (kwnames) {
-        Py_ssize_t nkw = PyTuple_GET_SIZE(kwnames);
+        const Py_ssize_t nkw = PyTuple_GET_SIZE(kwnames);
         for (Py_ssize_t k = 0; k < nkw; ++k) {
             PyObject* key = PyTuple_GET_ITEM(kwnames, k);
             std::size_t idx = nparams;
@@ -85,6 +85,7 @@ PyObject* function_vectorcall(PyObject* self, PyObject* const* args, size_t narg
                     break;
                 }
             }
+            // Comparing two exact str runs no Python code.
             for (std::size_t i = 0; idx == nparams && i < nparams; ++i) {
                 if (PyUnicode_Compare(PyTuple_GET_ITEM(f->param_names, static_cast<Py_ssize_t>(i)), key) == 0) {
                     idx = i;
@@ -92,11 +93,13 @@ PyObject* function_vectorcall(PyObject* self, PyObject* const* args, size_t narg
                 }
             }
             if (idx == nparams) {
-                PyErr_Format(PyExc_TypeError, "%U() got an unexpected keyword argument '%S'", f->qualname, key);
+                Ref qualname = Ref::borrow(f->qualname);
+                PyErr_Format(PyExc_TypeError, "%U() got an unexpected keyword argument '%S'", qualname.get(), key);
                 return nullptr;
             }
             if (values[idx]) {
-                PyErr_Format(PyExc_TypeError, "%U() got multiple values for argument '%S'", f->qualname, key);
+                Ref qualname = Ref::borrow(f->qualname);
+                PyErr_Format(PyExc_TypeError, "%U() got multiple values for argument '%S'", qualname.get(), key);
                 return nullptr;
             }
             values[idx] = args[nargs + k];
@@ -119,12 +122,26 @@ PyObject* function_vectorcall(PyObject* self, PyObject* const* args, size_t narg
         missing(f, absent_kw, true);
         return nullptr;
     }
-
+    // The arguments are borrowed from the caller, who holds them for the call.
     Call call{f->module, state_of(f->module), PyModule_GetDict(f->module)};
     try {
         return def.impl(call, values).release();
     } catch (...) {
         set_python_error(call);
+        return nullptr;
+    }
+}
+
+PyObject* function_vectorcall(PyObject* self, PyObject* const* args, size_t nargsf, PyObject* kwnames) {
+    // The function object (and with it the module) stays alive for the call
+    // even if host code drops every other reference to it.
+    Ref keep = Ref::borrow(self);
+    try {
+        return parse_and_call(reinterpret_cast<FunctionObject*>(self), args, nargsf, kwnames);
+    } catch (const std::bad_alloc&) {
+        return PyErr_NoMemory();
+    } catch (...) {
+        PyErr_SetString(PyExc_SystemError, "git_utils: unexpected C++ exception while parsing arguments");
         return nullptr;
     }
 }
@@ -150,83 +167,6 @@ PyObject* default_object(State* st, Default d) {
     return nullptr;
 }
 
-// Evaluates a type expression such as "list[dict[str, Any]]" or "Path | None"
-// against builtins and the module namespace, as annotations are evaluated when
-// a Python module defines its functions.
-class TypeExpr {
-public:
-    TypeExpr(PyObject* ns, const char* text) : ns_(ns), p_(text) {}
-    Ref parse() {
-        Ref left = primary();
-        while (skip(), *p_ == '|') {
-            ++p_;
-            Ref right = primary();
-            left = check(PyNumber_Or(left.get(), right.get()));
-        }
-        return left;
-    }
-
-private:
-    void skip() {
-        while (*p_ == ' ') ++p_;
-    }
-    Ref primary() {
-        skip();
-        if (std::strncmp(p_, "...", 3) == 0) {
-            p_ += 3;
-            return Ref::borrow(Py_Ellipsis);
-        }
-        const char* start = p_;
-        while (*p_ && (std::isalnum(static_cast<unsigned char>(*p_)) || *p_ == '_')) ++p_;
-        std::string name(start, p_);
-        Ref obj = resolve(name);
-        skip();
-        if (*p_ == '[') {
-            ++p_;
-            std::vector<Ref> items;
-            for (;;) {
-                items.push_back(parse());
-                skip();
-                if (*p_ == ',') {
-                    ++p_;
-                    continue;
-                }
-                if (*p_ == ']') {
-                    ++p_;
-                    break;
-                }
-                PyErr_Format(PyExc_SystemError, "bad type expression near '%s'", p_);
-                throw PyErrSet{};
-            }
-            Ref key;
-            if (items.size() == 1) {
-                key = items[0];
-            } else {
-                key = check(PyTuple_New(static_cast<Py_ssize_t>(items.size())));
-                for (std::size_t i = 0; i < items.size(); ++i)
-                    PyTuple_SET_ITEM(key.get(), static_cast<Py_ssize_t>(i), Ref(items[i]).release());
-            }
-            obj = check(PyObject_GetItem(obj.get(), key.get()));
-        }
-        return obj;
-    }
-    Ref resolve(const std::string& name) {
-        if (name == "None") return Ref::borrow(Py_None);
-        PyObject* o = PyDict_GetItemString(ns_, name.c_str());
-        if (o) return Ref::borrow(o);
-        PyObject* builtins = PyEval_GetBuiltins();
-        o = builtins ? PyDict_GetItemString(builtins, name.c_str()) : nullptr;
-        if (!o) {
-            PyErr_Format(PyExc_NameError, "name '%s' is not defined", name.c_str());
-            throw PyErrSet{};
-        }
-        return Ref::borrow(o);
-    }
-
-    PyObject* ns_;
-    const char* p_;
-};
-
 PyObject* get_signature(PyObject* self, void*) {
     auto* f = reinterpret_cast<FunctionObject*>(self);
     if (f->signature) return Py_NewRef(f->signature);
@@ -238,26 +178,33 @@ PyObject* get_signature(PyObject* self, void*) {
         Ref pos_or_kw = check(PyObject_GetAttrString(parameter.get(), "POSITIONAL_OR_KEYWORD"));
         Ref kw_only = check(PyObject_GetAttrString(parameter.get(), "KEYWORD_ONLY"));
         Ref annotations = check(PyObject_GetAttrString(self, "__annotations__"));
+        Ref holder = Ref::borrow(self);
         const FunctionDef& def = *f->def;
         Ref params = check(PyList_New(0));
         for (std::size_t i = 0; i < def.params.size(); ++i) {
             const ParamDef& p = def.params[i];
             Ref name = check(PyUnicode_FromString(p.name));
-            PyObject* ann = PyDict_Check(annotations.get()) ? PyDict_GetItem(annotations.get(), name.get()) : nullptr;
+            // Owned: the host may have put any object in __annotations__.
+            Ref ann = PyDict_Check(annotations.get()) ? Ref::borrow(PyDict_GetItemWithError(annotations.get(), name.get())) : Ref();
+            if (!ann && PyErr_Occurred()) throw PyErrSet{};
             PyObject* dflt = p.dflt == Default::Required ? empty.get()
                                                          : PyTuple_GET_ITEM(f->defaults, static_cast<Py_ssize_t>(i));
-            Ref kwargs = check(Py_BuildValue("{s:O,s:O}", "default", dflt, "annotation", ann ? ann : empty.get()));
+            Ref kwargs = check(Py_BuildValue("{s:O,s:O}", "default", dflt, "annotation", ann ? ann.get() : empty.get()));
             Ref pargs = check(PyTuple_Pack(2, name.get(), p.keyword_only ? kw_only.get() : pos_or_kw.get()));
             Ref param = check(PyObject_Call(parameter.get(), pargs.get(), kwargs.get()));
             check(PyList_Append(params.get(), param.get()));
         }
-        PyObject* ret = PyDict_Check(annotations.get()) ? PyDict_GetItemString(annotations.get(), "return") : nullptr;
+        Ref ret = PyDict_Check(annotations.get()) ? Ref::borrow(PyDict_GetItemString(annotations.get(), "return")) : Ref();
         Ref sargs = check(PyTuple_Pack(1, params.get()));
-        Ref skw = check(Py_BuildValue("{s:O}", "return_annotation", ret ? ret : empty.get()));
-        f->signature = check(PyObject_Call(signature.get(), sargs.get(), skw.get())).release();
+        Ref skw = check(Py_BuildValue("{s:O}", "return_annotation", ret ? ret.get() : empty.get()));
+        Ref made = check(PyObject_Call(signature.get(), sargs.get(), skw.get()));
+        // Another thread may have set one meanwhile; keep the first.
+        if (!f->signature) f->signature = Ref(made).release();
         return Py_NewRef(f->signature);
     } catch (PyErrSet&) {
         return nullptr;
+    } catch (const std::bad_alloc&) {
+        return PyErr_NoMemory();
     }
 }
 
@@ -272,8 +219,8 @@ int set_signature(PyObject* self, PyObject* value, void*) {
 PyObject* function_descr_get(PyObject* self, PyObject*, PyObject*) { return Py_NewRef(self); }
 
 PyObject* function_repr(PyObject* self) {
-    auto* f = reinterpret_cast<FunctionObject*>(self);
-    return PyUnicode_FromFormat("<function %U at %p>", f->qualname, self);
+    Ref qualname = Ref::borrow(reinterpret_cast<FunctionObject*>(self)->qualname);
+    return PyUnicode_FromFormat("<function %U at %p>", qualname.get(), self);
 }
 
 // Functions pickle by reference, as Python functions do.
@@ -318,10 +265,32 @@ void function_dealloc(PyObject* self) {
     Py_DECREF(tp);
 }
 
+// __name__ and __qualname__ take only str and cannot be deleted, as on a
+// Python function: the error messages of every call print them.
+template <std::size_t Offset>
+PyObject* get_text(PyObject* self, void*) {
+    return Py_NewRef(*reinterpret_cast<PyObject**>(reinterpret_cast<char*>(self) + Offset));
+}
+template <std::size_t Offset>
+int set_text(PyObject* self, PyObject* value, void* closure) {
+    if (!value || !PyUnicode_Check(value)) {
+        PyErr_Format(PyExc_TypeError, "%s must be set to a string object", static_cast<const char*>(closure));
+        return -1;
+    }
+    Py_XSETREF(*reinterpret_cast<PyObject**>(reinterpret_cast<char*>(self) + Offset), Py_NewRef(value));
+    return 0;
+}
+
+PyObject* get_doc(PyObject* self, void*) {
+    PyObject* doc = reinterpret_cast<FunctionObject*>(self)->doc;
+    return Py_NewRef(doc ? doc : Py_None);
+}
+int set_doc(PyObject* self, PyObject* value, void*) {
+    Py_XSETREF(reinterpret_cast<FunctionObject*>(self)->doc, Py_XNewRef(value));
+    return 0;
+}
+
 PyMemberDef function_members[] = {
-    {"__name__", T_OBJECT, offsetof(FunctionObject, name), 0, nullptr},
-    {"__qualname__", T_OBJECT, offsetof(FunctionObject, qualname), 0, nullptr},
-    {"__doc__", T_OBJECT, offsetof(FunctionObject, doc), 0, nullptr},
     {"__dictoffset__", T_PYSSIZET, offsetof(FunctionObject, dict), READONLY, nullptr},
     {"__weaklistoffset__", T_PYSSIZET, offsetof(FunctionObject, weakreflist), READONLY, nullptr},
     {"__vectorcalloffset__", T_PYSSIZET, offsetof(FunctionObject, vectorcall), READONLY, nullptr},
@@ -330,6 +299,11 @@ PyMemberDef function_members[] = {
 
 PyGetSetDef function_getset[] = {
     {"__signature__", get_signature, set_signature, nullptr, nullptr},
+    {"__name__", get_text<offsetof(FunctionObject, name)>, set_text<offsetof(FunctionObject, name)>, nullptr,
+     const_cast<char*>("__name__")},
+    {"__qualname__", get_text<offsetof(FunctionObject, qualname)>, set_text<offsetof(FunctionObject, qualname)>,
+     nullptr, const_cast<char*>("__qualname__")},
+    {"__doc__", get_doc, set_doc, nullptr, nullptr},
     {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
     {nullptr, nullptr, nullptr, nullptr, nullptr},
 };
@@ -363,7 +337,13 @@ PyType_Spec function_spec = {
 
 }  // namespace
 
-Ref eval_type(PyObject* ns, const char* expr) { return TypeExpr(ns, expr).parse(); }
+Ref eval_type(PyObject* ns, const char* expr) {
+    // As Python evaluates an annotation when it defines a function: in the
+    // module's namespace, with its builtins.
+    if (!PyDict_GetItemString(ns, "__builtins__"))
+        check(PyDict_SetItemString(ns, "__builtins__", PyEval_GetBuiltins()));
+    return check(PyRun_String(expr, Py_eval_input, ns, ns));
+}
 
 PyTypeObject* make_function_type(PyObject* module) {
     return reinterpret_cast<PyTypeObject*>(PyType_FromModuleAndSpec(module, &function_spec, nullptr));
@@ -405,10 +385,10 @@ Ref make_function(PyObject* module, const FunctionDef& def) {
     Ref annotations = check(PyDict_New());
     for (const auto& p : def.params) {
         if (!p.annotation) continue;
-        Ref ann = TypeExpr(ns, p.annotation).parse();
+        Ref ann = eval_type(ns, p.annotation);
         check(PyDict_SetItemString(annotations.get(), p.name, ann.get()));
     }
-    if (def.returns) check(PyDict_SetItemString(annotations.get(), "return", TypeExpr(ns, def.returns).parse().get()));
+    if (def.returns) check(PyDict_SetItemString(annotations.get(), "return", eval_type(ns, def.returns).get()));
 
     // __defaults__ / __kwdefaults__ as a Python function would carry them.
     std::vector<PyObject*> pos_defaults;

@@ -4,6 +4,10 @@
 #include <cerrno>
 
 #include "common.hpp"
+#include "src/core/changes.hpp"
+#include "src/core/queries.hpp"
+#include "src/core/spans.hpp"
+#include "src/core/timespec.hpp"
 
 namespace git_utils::binding {
 namespace {
@@ -56,11 +60,14 @@ Ref compile_pattern(PyObject* re, const char* pattern, const char* flag) {
     return check(PyObject_CallMethod(re, "compile", "sO", pattern, flags.get()));
 }
 
-Ref str_dict(std::initializer_list<std::pair<const char*, const char*>> items) {
+// A dict of str built from a table of the core, in its order.
+template <class Table, class Key, class Value>
+Ref str_dict(const Table& table, Key key, Value value) {
     Ref d = check(PyDict_New());
-    for (const auto& [k, v] : items) {
-        Ref value = check(PyUnicode_FromString(v));
-        check(PyDict_SetItemString(d.get(), k, value.get()));
+    for (const auto& row : table) {
+        Ref k = str_from_utf8(key(row));
+        Ref v = str_from_utf8(value(row));
+        check(PyDict_SetItem(d.get(), k.get(), v.get()));
     }
     return d;
 }
@@ -74,14 +81,7 @@ void exec_steps(PyObject* module) {
     st->empty_tuple = check(PyTuple_New(0)).release();
     st->timed_out_triple = check(Py_BuildValue("(ssi)", "", "Command timed out", 1)).release();
     st->not_found_triple = check(Py_BuildValue("(ssi)", "", "git not found", 1)).release();
-    st->str_debug = check(PyUnicode_InternFromString("debug")).release();
-    st->str_warning = check(PyUnicode_InternFromString("warning")).release();
-    st->str_strip = check(PyUnicode_InternFromString("strip")).release();
-    st->msg_failed = check(PyUnicode_FromString("git command failed: args=%s rc=%s stderr=%s")).release();
-    st->msg_timed_out = check(PyUnicode_FromString("git command timed out after %ss: args=%s")).release();
-    st->msg_not_found = check(PyUnicode_FromString("git executable not found while running args=%s")).release();
-    st->msg_shortlog_failed =
-        check(PyUnicode_FromString("get_authors_for_period: git shortlog failed rc=%s stderr=%s")).release();
+    st->modified = check(PyUnicode_InternFromString("modified")).release();
 
     // Imports, kept as module attributes.
     bind(module, logging, import_module("logging"));
@@ -103,38 +103,37 @@ void exec_steps(PyObject* module) {
     bind(module, logger, check(PyObject_CallMethod(st->own[logging], "getLogger", "O", modname.get())));
 
     // Constants and patterns.
-    bind(module, TIME_SPEC_FORMS, check(PyUnicode_FromStringAndSize(git_utils::TIME_SPEC_FORMS.data(),
-                                                                    static_cast<Py_ssize_t>(git_utils::TIME_SPEC_FORMS.size()))));
+    bind(module, TIME_SPEC_FORMS, str_from_utf8(git_utils::TIME_SPEC_FORMS));
     PyObject* re_module = st->own[re];
-    bind(module, _RELATIVE_SPEC, compile_pattern(re_module, "(\\d+)([mhdw])", nullptr));
-    bind(module, _SPEC_UNITS, str_dict({{"m", "minutes"}, {"h", "hours"}, {"d", "days"}, {"w", "weeks"}}));
-    bind(module, _STATUS_BY_LETTER, str_dict({{"A", "added"}, {"C", "copied"}, {"D", "deleted"},
-                                              {"M", "modified"}, {"R", "renamed"}, {"T", "modified"}}));
-    Ref two_path_letters = check(Py_BuildValue("(ss)", "C", "R"));
-    bind(module, _TWO_PATH_LETTERS, check(PyFrozenSet_New(two_path_letters.get())));
-    bind(module, _COMMIT_START, check(PyUnicode_FromString("\x1e")));
-    bind(module, _PATCH_OPTIONS,
-         check(Py_BuildValue("(ssssss)", "--no-color", "--no-ext-diff", "--no-textconv", "--no-prefix", "-M", "-U0")));
-    bind(module, _HUNK_HEADER, compile_pattern(re_module, "@@ -\\d+(?:,(\\d+))? \\+(\\d+)(?:,(\\d+))? @@", nullptr));
-    bind(module, _C_ESCAPE, compile_pattern(re_module, "\\\\([0-7]{3}|.)", "DOTALL"));
-    bind(module, _C_ESCAPES, str_dict({{"a", "\x07"}, {"b", "\x08"}, {"f", "\x0c"}, {"n", "\n"}, {"r", "\r"},
-                                       {"t", "\t"}, {"v", "\x0b"}}));
+    bind(module, _RELATIVE_SPEC, compile_pattern(re_module, RELATIVE_SPEC_PATTERN, nullptr));
+    bind(module, _SPEC_UNITS, str_dict(SPEC_UNITS, [](auto& u) { return u.letter; }, [](auto& u) { return u.name; }));
+    bind(module, _STATUS_BY_LETTER,
+         str_dict(STATUS_LETTERS, [](auto& s) { return s.letter; }, [](auto& s) { return s.status; }));
+    bind(module, _TWO_PATH_LETTERS, check(PyFrozenSet_New(str_list(std::vector<std::string>(std::begin(TWO_PATH_LETTERS), std::end(TWO_PATH_LETTERS))).get())));
+    bind(module, _COMMIT_START, str_from_utf8(COMMIT_START));
+    Ref patch_options = str_list(args::patch_options());
+    bind(module, _PATCH_OPTIONS, check(PySequence_Tuple(patch_options.get())));
+    bind(module, _HUNK_HEADER, compile_pattern(re_module, HUNK_HEADER_PATTERN, nullptr));
+    bind(module, _C_ESCAPE, compile_pattern(re_module, C_ESCAPE_PATTERN, "DOTALL"));
+    bind(module, _C_ESCAPES, str_dict(ESCAPE_LETTERS, [](auto& e) { return std::string_view(&e.letter, 1); },
+                                      [](auto& e) { return std::string_view(&e.character, 1); }));
 
     // The error class and the records.
     Ref error_name = check(PyUnicode_FromFormat("%U.GitError", modname.get()));
     Ref error(PyErr_NewExceptionWithDoc(PyUnicode_AsUTF8(error_name.get()), kGitErrorDoc, PyExc_RuntimeError, nullptr));
     bind(module, GitError, check(error.release()));
     Call call{module, st, ns};
-    bind(module, FileChange, make_record_class(call, 0));
-    bind(module, CommitChanges, make_record_class(call, 1));
-    bind(module, LineSpan, make_record_class(call, 2));
+    bind(module, FileChange, make_record_class(call, FILE_CHANGE));
+    bind(module, CommitChanges, make_record_class(call, COMMIT_CHANGES));
+    bind(module, LineSpan, make_record_class(call, LINE_SPAN));
 
     // The operations, in load order.
     const auto& defs = function_defs();
     for (int name = find_git_root; name < NAME_COUNT; ++name) {
         if (name == checked_out_branch) {
             if (!st->own[resolve_display_branch]) continue;
-            Ref wrapper = check(PyObject_CallFunction(call.lookup(best_effort), "sO", "git.checked_out_branch", Py_None));
+            Ref factory = call.get(best_effort);
+            Ref wrapper = check(PyObject_CallFunction(factory.get(), "sO", "git.checked_out_branch", Py_None));
             bind(module, checked_out_branch, check(PyObject_CallOneArg(wrapper.get(), st->own[resolve_display_branch])));
             continue;
         }
@@ -178,13 +177,7 @@ int module_clear(PyObject* module) {
     Py_CLEAR(st->empty_tuple);
     Py_CLEAR(st->timed_out_triple);
     Py_CLEAR(st->not_found_triple);
-    Py_CLEAR(st->str_debug);
-    Py_CLEAR(st->str_warning);
-    Py_CLEAR(st->str_strip);
-    Py_CLEAR(st->msg_failed);
-    Py_CLEAR(st->msg_timed_out);
-    Py_CLEAR(st->msg_not_found);
-    Py_CLEAR(st->msg_shortlog_failed);
+    Py_CLEAR(st->modified);
     for (auto& row : st->field_names)
         for (auto& o : row) Py_CLEAR(o);
     return 0;
@@ -213,54 +206,62 @@ PyModuleDef module_def = {
 
 State* state_of(PyObject* module) { return static_cast<State*>(PyModule_GetState(module)); }
 
-PyObject* Call::lookup(Name name) const {
+Ref Call::get(Name name) const {
+    // The dict holds the only other reference: take ours before anything
+    // else can run.
     PyObject* o = PyDict_GetItemWithError(ns, st->names[name]);
-    if (!o) {
-        if (!PyErr_Occurred()) PyErr_Format(PyExc_NameError, "name '%U' is not defined", st->names[name]);
-        throw PyErrSet{};
-    }
-    return o;
-}
-
-void log(const Call& call, PyObject* method, PyObject* message, std::initializer_list<PyObject*> args) {
-    PyObject* stack[6] = {call.lookup(logger), message};
-    std::size_t n = 2;
-    for (PyObject* a : args) stack[n++] = a;
-    check(PyObject_VectorcallMethod(method, stack, n, nullptr));
-}
-
-[[noreturn]] void raise_git_error(const Call& call, PyObject* message) {
-    PyErr_SetObject(call.lookup(GitError), message);
+    if (o) return Ref::borrow(o);
+    if (!PyErr_Occurred()) PyErr_Format(PyExc_NameError, "name '%U' is not defined", st->names[name]);
     throw PyErrSet{};
 }
 
-void set_python_error(const Call& call) {
+void log(const Call& call, const char* level, const char* message, std::initializer_list<PyObject*> args) {
+    Ref logger_obj = call.get(logger);
+    Ref text = check(PyUnicode_FromString(message));
+    PyObject* stack[6] = {text.get()};
+    std::size_t n = 1;
+    for (PyObject* a : args) stack[n++] = a;
+    Ref method = attr(logger_obj.get(), level);
+    check(PyObject_Vectorcall(method.get(), stack, n, nullptr));
+}
+
+namespace {
+void set_os_error(int err, const std::string& filename) {
+    Ref name(filename.empty() ? nullptr : PyUnicode_DecodeFSDefault(filename.c_str()));
+    PyErr_Clear();
+    errno = err;
+    PyErr_SetFromErrnoWithFilenameObject(PyExc_OSError, name.get());
+}
+}  // namespace
+
+void set_python_error(const Call& call) noexcept {
     try {
         throw;
     } catch (PyErrSet&) {
-    } catch (git_utils::GitError& e) {
+    } catch (const std::bad_alloc&) {
+        PyErr_NoMemory();
+    } catch (const git_utils::GitError& e) {
         try {
             Ref msg = str_from_utf8(e.what());
-            PyErr_SetObject(call.lookup(GitError), msg.get());
-        } catch (PyErrSet&) {
+            Ref cls = call.get(GitError);
+            PyErr_SetObject(cls.get(), msg.get());
+        } catch (...) {
+            if (!PyErr_Occurred()) PyErr_NoMemory();
         }
-    } catch (SpawnError& e) {
-        Ref filename(PyUnicode_DecodeFSDefault(e.filename().c_str()));
-        errno = e.code().value();
-        PyErr_SetFromErrnoWithFilenameObject(PyExc_OSError, filename.get());
-    } catch (FilesystemError& e) {
-        Ref filename(PyUnicode_DecodeFSDefault(e.filename().c_str()));
-        errno = e.code().value();
-        PyErr_SetFromErrnoWithFilenameObject(PyExc_OSError, filename.get());
-    } catch (std::bad_alloc&) {
-        PyErr_NoMemory();
-    } catch (std::invalid_argument& e) {
+    } catch (const OsError& e) {
+        set_os_error(e.code().value(), e.filename());
+    } catch (const OptionClash& e) {
+        PyErr_Format(PyExc_TypeError, "run_git_command() %s", e.what());
+    } catch (const std::invalid_argument& e) {
         PyErr_SetString(PyExc_ValueError, e.what());
-    } catch (std::system_error& e) {
-        errno = e.code().value();
-        PyErr_SetFromErrno(PyExc_OSError);
-    } catch (std::exception& e) {
+    } catch (const std::out_of_range& e) {
+        PyErr_SetString(PyExc_OverflowError, e.what());
+    } catch (const std::system_error& e) {
+        set_os_error(e.code().value(), "");
+    } catch (const std::exception& e) {
         PyErr_SetString(PyExc_SystemError, e.what());
+    } catch (...) {
+        PyErr_SetString(PyExc_SystemError, "git_utils: unknown C++ exception");
     }
 }
 

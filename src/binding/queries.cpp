@@ -1,190 +1,122 @@
-// The repository operations at the boundary: roots, branch names, period starts
-// and the queries. Each builds git's argument list with the core, runs it
-// through the namespace's runner or checked wrapper, and reads the answer.
-#include <array>
-#include <cstring>
-
+// The repository operations at the boundary: roots, branch names and the
+// queries. Each converts its arguments and runs the core's query
+// (src/core/queries.hpp) with a policy that routes every git run through
+// `run_git_command` and `_git_output`, and every parse through the parser,
+// as the namespace holds them at the call.
 #include "common.hpp"
+#include "src/core/queries.hpp"
+#include "src/core/roots.hpp"
 
 namespace git_utils::binding {
 namespace {
 
-void require_str(PyObject* value, const char* func, const char* param) {
-    if (!PyUnicode_Check(value)) {
-        PyErr_Format(PyExc_TypeError, "%s() argument '%s' must be str, not %.100s", func, param, Py_TYPE(value)->tp_name);
-        throw PyErrSet{};
+// `_MAX_PATHSPEC_CHARS` as the namespace holds it, as a 64-bit budget.
+std::int64_t path_budget(const Call& call) {
+    Ref value = call.get(_MAX_PATHSPEC_CHARS);
+    if (!PyLong_Check(value.get()))
+        raise(PyExc_TypeError, "_MAX_PATHSPEC_CHARS must be an int, not %.100s", Py_TYPE(value.get())->tp_name);
+    int overflow = 0;
+    const long long budget = PyLong_AsLongLongAndOverflow(value.get(), &overflow);
+    if (budget == -1 && PyErr_Occurred()) throw PyErrSet{};
+    return overflow > 0 ? INT64_MAX : overflow < 0 ? INT64_MIN : budget;
+}
+
+
+// The queries' policy: git runs, parsers and the other steps as the
+// namespace holds them at the call.
+class BindingGit {
+public:
+    using Text = binding::Text;
+
+    BindingGit(const Call& call, PyObject* repo_root, PyObject* paths = nullptr)
+        : call_(call), root_(Ref::borrow(repo_root)), paths_(Ref::borrow(paths)) {}
+
+    GitResult run(std::vector<std::string> args, StdinMode mode = StdinMode::Inherit) {
+        RunRequest request{root_.get(), std::move(args)};
+        request.stdin_mode = mode;
+        return run_through_namespace(call_, request);
     }
-}
 
-std::string text_of(PyObject* value, const char* func, const char* param) {
-    require_str(value, func, param);
-    return utf8_of(value);
-}
-
-// A result triple as the namespace's runner gave it.
-struct Answer {
-    Ref out, err, rc;
-    explicit Answer(Ref triple) {
-        Ref seq = check(PySequence_Fast(triple.get(), "run_git_command must return a triple"));
-        if (PySequence_Fast_GET_SIZE(seq.get()) != 3) {
-            PyErr_SetString(PyExc_ValueError, "run_git_command must return (stdout, stderr, returncode)");
-            throw PyErrSet{};
+    Text output(std::vector<std::string> args) {
+        Ref fn = call_.get(_git_output);
+        if (call_.is_own(_git_output, fn)) {
+            RunRequest request{root_.get(), std::move(args)};
+            return Text(checked_own(call_, request));
         }
-        out = Ref::borrow(PySequence_Fast_GET_ITEM(seq.get(), 0));
-        err = Ref::borrow(PySequence_Fast_GET_ITEM(seq.get(), 1));
-        rc = Ref::borrow(PySequence_Fast_GET_ITEM(seq.get(), 2));
+        Ref list = str_list(args);
+        Ref out = check(PyObject_CallFunctionObjArgs(fn.get(), root_.get(), list.get(), nullptr));
+        if (!PyUnicode_Check(out.get()))
+            raise(PyExc_TypeError, "_git_output must return str, not %.100s", Py_TYPE(out.get())->tp_name);
+        return Text(std::move(out));
     }
-    bool ok() const {
-        if (PyLong_CheckExact(rc.get())) return PyLong_AsLong(rc.get()) == 0 && !PyErr_Occurred();
-        Ref zero = check(PyLong_FromLong(0));
-        int eq = PyObject_RichCompareBool(rc.get(), zero.get(), Py_EQ);
-        check(eq);
-        return eq == 1;
+    static std::string_view view(const Text& t) { return t.view(); }
+
+    Ref parse_file_changes(Text&& t) { return file_changes_of(call_, t); }
+    Ref parse_commit_changes(Text&& t) { return commit_changes_of(call_, t); }
+    Ref parse_line_spans(Text&& t) { return line_spans_of(call_, t); }
+
+    static Ref new_spans() { return check(PyDict_New()); }
+    static void merge_spans(Ref& into, Ref&& from) { check(PyDict_Update(into.get(), from.get())); }
+
+    std::vector<std::string> patch_options() {
+        Ref options = call_.get(_PATCH_OPTIONS);
+        if (call_.is_own(_PATCH_OPTIONS, options)) return args::patch_options();  // a tuple: it cannot change
+        return str_list_argument(options.get(), "diff_line_spans", "_PATCH_OPTIONS");
     }
-    // stdout stripped, or None when the run failed or printed nothing.
-    Ref stripped_out_or_none() const {
-        if (!ok()) return Ref::borrow(Py_None);
-        Ref s = strip_str(out.get());
-        int empty = PyObject_Not(s.get());
-        check(empty);
-        return empty ? Ref::borrow(Py_None) : s;
+
+    bool has_paths() { return check(PyObject_IsTrue(paths_.get())) == 1; }
+
+    std::vector<std::vector<std::string>> path_batches() {
+        Ref fn = call_.get(_path_batches);
+        std::vector<std::vector<std::string>> batches;
+        if (call_.is_own(_path_batches, fn))
+            return git_utils::path_batches(str_list_argument(paths_.get(), "diff_line_spans", "paths", true),
+                                           path_budget(call_));
+        Ref got = check(PyObject_CallOneArg(fn.get(), paths_.get()));
+        Ref outer = check(PySequence_Tuple(got.get()));
+        for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(outer.get()); ++i)
+            batches.push_back(str_list_argument(PyTuple_GET_ITEM(outer.get(), i), "diff_line_spans", "_path_batches result"));
+        return batches;
     }
+
+    Moment period_start(std::string_view since) { return binding::period_start(call_, since); }
+
+    void shortlog_failed(const GitResult& result, std::string_view stderr_stripped) {
+        Ref rc = result.returncode_digits.empty() ? check(PyLong_FromLongLong(result.returncode))
+                                                  : int_from_digits(result.returncode_digits);
+        Ref err = str_from_utf8(stderr_stripped);
+        log(call_, "debug", "get_authors_for_period: git shortlog failed rc=%s stderr=%s", {rc.get(), err.get()});
+    }
+
+private:
+    const Call& call_;
+    Ref root_;
+    Ref paths_;
 };
 
-Answer run(const Call& call, PyObject* root, const std::vector<std::string>& args,
-           StdinMode stdin_mode = StdinMode::Inherit) {
-    Ref list = str_list(args);
-    return Answer(run_git(call, root, list.get(), stdin_mode));
+Ref text_or_none(const std::optional<std::string>& text) { return text ? str_from_utf8(*text) : Ref::borrow(Py_None); }
+
+Ref integer_object(const Integer& i) {
+    return i.digits.empty() ? check(PyLong_FromLongLong(i.value)) : int_from_digits(i.digits);
 }
 
-std::string checked(const Call& call, PyObject* root, const std::vector<std::string>& args) {
-    Ref list = str_list(args);
-    return git_output_text(call, root, list.get());
-}
-
-std::string checked(const Call& call, PyObject* root, PyObject* list) { return git_output_text(call, root, list); }
-
-// A moment written for git: "%Y-%m-%d %H:%M:%S", the fraction dropped.
-std::string moment_text(const Call& call, PyObject* moment) {
-    if (PyObject_TypeCheck(moment, reinterpret_cast<PyTypeObject*>(call.st->datetime_type))) {
-        Moment m;
-        // Each field through datetime's own descriptor, as strftime reads it:
-        // a subclass that redefines `year` cannot hand over something else.
-        // The names are interned: the type's attribute cache keeps the name
-        // object of each lookup, and fresh ones would pile up there.
-        auto field = [&](const char* name) {
-            Ref key = check(PyUnicode_InternFromString(name));
-            Ref descriptor = check(PyObject_GetAttr(call.st->datetime_type, key.get()));
-            descrgetfunc get = Py_TYPE(descriptor.get())->tp_descr_get;
-            Ref v = get ? check(get(descriptor.get(), moment, call.st->datetime_type)) : descriptor;
-            long value = PyLong_AsLong(v.get());
-            if (value == -1 && PyErr_Occurred()) throw PyErrSet{};
-            return static_cast<int>(value);
-        };
-        m.year = field("year");
-        m.month = field("month");
-        m.day = field("day");
-        m.hour = field("hour");
-        m.minute = field("minute");
-        m.second = field("second");
-        return format_moment(m);
+// A `start` as the operating system names it: os.fspath, then its bytes; no
+// value for a name the system cannot represent (it is in no repository).
+std::optional<std::string> start_path(PyObject* start) {
+    Ref path = check(PyOS_FSPath(start));
+    Ref bytes;
+    if (PyUnicode_Check(path.get())) {
+        bytes = Ref(PyUnicode_EncodeFSDefault(path.get()));
+        if (!bytes) {
+            PyErr_Clear();
+            return std::nullopt;
+        }
+    } else {
+        bytes = path;
     }
-    // Any other object that can write itself with strftime.
-    Ref text = check(PyObject_CallMethod(moment, "strftime", "s", "%Y-%m-%d %H:%M:%S"));
-    return text_of(text.get(), "strftime", "result");
-}
-
-Ref path_object(const Call& call, const std::string& fs_path) {
-    Ref text = check(PyUnicode_DecodeFSDefault(fs_path.c_str()));
-    return check(PyObject_CallOneArg(call.lookup(Path), text.get()));
-}
-
-// The ValueError for a malformed since value, worded with the namespace's
-// TIME_SPEC_FORMS and Python's repr() of what was passed.
-[[noreturn]] void raise_time_spec_error(const Call& call, PyObject* since, bool out_of_calendar, PyObject* cause) {
-    Ref quoted = check(PyObject_Repr(since));
-    Ref message = out_of_calendar
-                      ? check(PyUnicode_FromFormat("since %U reaches outside the calendar", quoted.get()))
-                      : check(PyUnicode_FromFormat("since must be %S; got %U", call.lookup(TIME_SPEC_FORMS), quoted.get()));
-    Ref error = check(PyObject_CallOneArg(PyExc_ValueError, message.get()));
-    if (cause) PyException_SetCause(error.get(), Py_NewRef(cause));
-    PyErr_SetObject(PyExc_ValueError, error.get());
-    throw PyErrSet{};
-}
-
-Moment core_time_spec(const Call& call, PyObject* since, bool iso_only) {
-    std::string text = utf8_of(since);
-    try {
-        return iso_only ? git_utils::parse_iso_time_spec(text) : git_utils::parse_time_spec(text);
-    } catch (const TimeSpecError& e) {
-        Ref cause;
-        // The range failure underneath becomes the error's cause.
-        if (e.out_of_calendar()) cause = check(PyObject_CallFunction(PyExc_OverflowError, "s", "date value out of range"));
-        raise_time_spec_error(call, since, e.out_of_calendar(), cause.get());
-    }
-}
-
-// Whether `_SPEC_UNITS` is the module's own table, unedited.
-bool own_units(const Call& call) {
-    if (!call.is_own(_SPEC_UNITS)) return false;
-    PyObject* table = call.st->own[_SPEC_UNITS];
-    static const char* const kPairs[][2] = {{"m", "minutes"}, {"h", "hours"}, {"d", "days"}, {"w", "weeks"}};
-    if (PyDict_GET_SIZE(table) != 4) return false;
-    for (const auto& pair : kPairs) {
-        PyObject* v = PyDict_GetItemString(table, pair[0]);
-        if (!v || !PyUnicode_Check(v) || PyUnicode_CompareWithASCIIString(v, pair[1]) != 0) return false;
-    }
-    return true;
-}
-
-// The relative form read with the namespace's pattern and unit table (the
-// host replaced or edited them): now - timedelta(**{unit: amount}).
-Ref relative_through_namespace(const Call& call, PyObject* since) {
-    Ref stripped = strip_str(since);
-    Ref m = check(PyObject_CallMethod(call.lookup(_RELATIVE_SPEC), "fullmatch", "O", stripped.get()));
-    if (m.get() == Py_None) return Ref();
-    Ref digits = check(PyObject_CallMethod(m.get(), "group", "i", 1));
-    Ref letter = check(PyObject_CallMethod(m.get(), "group", "i", 2));
-    Ref amount = check(PyLong_FromUnicodeObject(digits.get(), 10));
-    Ref zero = check(PyLong_FromLong(0));
-    int positive = PyObject_RichCompareBool(amount.get(), zero.get(), Py_GT);
-    check(positive);
-    if (!positive) raise_time_spec_error(call, since, false, nullptr);
-    Ref unit = check(PyObject_GetItem(call.lookup(_SPEC_UNITS), letter.get()));
-    Ref kwargs = check(PyDict_New());
-    check(PyDict_SetItem(kwargs.get(), unit.get(), amount.get()));
-    Ref now = check(PyObject_CallMethod(call.lookup(datetime), "now", nullptr));
-    PyObject* span = PyObject_Call(call.lookup(timedelta), call.st->empty_tuple, kwargs.get());
-    PyObject* result = span ? PyNumber_Subtract(now.get(), span) : nullptr;
-    Py_XDECREF(span);
-    if (result) return Ref(result);
-    if (!PyErr_ExceptionMatches(PyExc_OverflowError)) throw PyErrSet{};
-    PyObject *type, *value, *tb;
-    PyErr_Fetch(&type, &value, &tb);
-    PyErr_NormalizeException(&type, &value, &tb);
-    Ref cause(value);
-    Py_XDECREF(type);
-    Py_XDECREF(tb);
-    raise_time_spec_error(call, since, true, cause.get());
-}
-
-Ref parse_time_spec_native(const Call& call, PyObject* since) {
-    require_str(since, "parse_time_spec", "since");
-    bool iso_only = false;
-    if (!call.is_own(_RELATIVE_SPEC) || !own_units(call)) {
-        if (Ref relative = relative_through_namespace(call, since)) return relative;
-        iso_only = true;
-    }
-    Moment m = core_time_spec(call, since, iso_only);
-    return check(PyObject_CallFunction(call.st->datetime_type, "iiiiiii", m.year, m.month, m.day, m.hour, m.minute,
-                                       m.second, m.microsecond));
-}
-
-Ref call_name(const Call& call, Name name, std::initializer_list<PyObject*> args) {
-    PyObject* stack[4];
-    std::size_t n = 0;
-    for (PyObject* a : args) stack[n++] = a;
-    return check(PyObject_Vectorcall(call.lookup(name), stack, n, nullptr));
+    std::string s(PyBytes_AS_STRING(bytes.get()), static_cast<std::size_t>(PyBytes_GET_SIZE(bytes.get())));
+    if (s.find('\0') != std::string::npos) return std::nullopt;
+    return s;
 }
 
 }  // namespace
@@ -192,221 +124,139 @@ Ref call_name(const Call& call, Name name, std::initializer_list<PyObject*> args
 Ref impl_find_git_root(const Call& call, PyObject* const* a) {
     std::optional<std::string> start;
     if (a[0] != Py_None) {
-        Ref path = check(PyOS_FSPath(a[0]));
-        Ref bytes;
-        if (PyUnicode_Check(path.get())) {
-            bytes = Ref(PyUnicode_EncodeFSDefault(path.get()));
-            if (!bytes) {  // a name the system cannot represent counts as absent
-                PyErr_Clear();
-                return Ref::borrow(Py_None);
-            }
-        } else {
-            bytes = path;
-        }
-        std::string s(PyBytes_AS_STRING(bytes.get()), static_cast<std::size_t>(PyBytes_GET_SIZE(bytes.get())));
-        if (s.find('\0') != std::string::npos) return Ref::borrow(Py_None);
-        start = std::move(s);
+        start = start_path(a[0]);
+        if (!start) return Ref::borrow(Py_None);
     }
-    std::optional<std::string> root = git_utils::find_git_root(std::move(start));
+    const std::optional<std::string> root = git_utils::find_git_root(std::move(start));
     return root ? path_object(call, *root) : Ref::borrow(Py_None);
 }
 
 Ref impl_find_repo_root(const Call& call, PyObject* const*) {
-    Ref root = call.is_own(find_git_root) ? impl_find_git_root(call, std::array<PyObject*, 1>{Py_None}.data())
-                                          : call_name(call, find_git_root, {});
-    if (root.get() != Py_None) return root;
-    return path_object(call, current_directory());
+    auto find = [&]() -> Ref {
+        Ref fn = call.get(find_git_root);
+        PyObject* none = Py_None;
+        Ref root = call.is_own(find_git_root, fn) ? impl_find_git_root(call, &none) : check(PyObject_CallNoArgs(fn.get()));
+        return root.get() == Py_None ? Ref() : root;
+    };
+    return find_repo_root_with(find, [&] { return path_object(call, current_directory()); });
 }
 
 Ref impl_resolve_display_branch(const Call& call, PyObject* const* a) {
-    return run(call, a[0], {"branch", "--show-current"}).stripped_out_or_none();
+    BindingGit git(call, a[0]);
+    return text_or_none(git_utils::resolve_display_branch(git));
 }
 
 Ref impl_normalize_branch_name(const Call&, PyObject* const* a) {
     if (a[0] == Py_None) return Ref::borrow(Py_None);
-    std::string name = text_of(a[0], "normalize_branch_name", "name");
-    std::optional<std::string> short_name = git_utils::normalize_branch_name(name);
-    return short_name ? str_from_utf8(*short_name) : Ref::borrow(Py_None);
+    const std::string name = str_argument(a[0], "normalize_branch_name", "name");
+    return text_or_none(git_utils::normalize_branch_name(name));
 }
 
-Ref impl_parse_time_spec(const Call& call, PyObject* const* a) { return parse_time_spec_native(call, a[0]); }
-
 Ref impl_get_head_commit(const Call& call, PyObject* const* a) {
-    int short_id = PyObject_IsTrue(a[1]);
-    check(short_id);
-    return run(call, a[0], args::head_commit(short_id)).stripped_out_or_none();
+    const bool short_id = check(PyObject_IsTrue(a[1])) == 1;
+    BindingGit git(call, a[0]);
+    return text_or_none(git_utils::get_head_commit(git, short_id));
 }
 
 Ref impl_get_default_branch(const Call& call, PyObject* const* a) {
-    Answer remote = run(call, a[0], {"symbolic-ref", "refs/remotes/origin/HEAD"});
-    if (remote.ok()) {
-        Ref target = strip_str(remote.out.get());
-        int empty = PyObject_Not(target.get());
-        check(empty);
-        if (!empty) {
-            std::string t = utf8_of(target.get());
-            constexpr std::string_view prefix = "refs/remotes/origin/";
-            if (t.rfind(prefix, 0) == 0) return str_from_utf8(std::string_view(t).substr(prefix.size()));
-            return target;
-        }
-    }
-    if (run(call, a[0], {"rev-parse", "--verify", "main"}).ok()) return check(PyUnicode_FromString("main"));
-    if (run(call, a[0], {"rev-parse", "--verify", "master"}).ok()) return check(PyUnicode_FromString("master"));
-    return check(PyUnicode_FromString("main"));
+    BindingGit git(call, a[0]);
+    return str_from_utf8(git_utils::get_default_branch(git));
 }
 
 Ref impl_branch_exists(const Call& call, PyObject* const* a) {
-    std::string branch = text_of(a[1], "branch_exists", "branch");
-    if (run(call, a[0], {"rev-parse", "--verify", branch}).ok()) return Ref::borrow(Py_True);
-    if (branch.rfind("origin/", 0) == 0) return Ref::borrow(Py_False);
-    return Ref::borrow(run(call, a[0], {"rev-parse", "--verify", "origin/" + branch}).ok() ? Py_True : Py_False);
+    const std::string branch = str_argument(a[1], "branch_exists", "branch");
+    BindingGit git(call, a[0]);
+    return Ref::borrow(git_utils::branch_exists(git, branch) ? Py_True : Py_False);
 }
 
 Ref impl_get_authors_for_period(const Call& call, PyObject* const* a) {
-    Ref since = call.is_own(parse_time_spec) ? parse_time_spec_native(call, a[1])
-                                             : call_name(call, parse_time_spec, {a[1]});
-    // git shortlog summarises HEAD only when its stdin is a terminal; the
-    // native runner gives it one, whatever the host's stdin is.
-    Answer answer = run(call, a[0], args::authors(moment_text(call, since.get())), StdinMode::Terminal);
-    Ref authors = check(PyList_New(0));
-    if (!answer.ok()) {
-        Ref err = strip_str(answer.err.get());
-        log(call, call.st->str_debug, call.st->msg_shortlog_failed, {answer.rc.get(), err.get()});
-        return authors;
-    }
-    std::string out = text_of(answer.out.get(), "get_authors_for_period", "stdout");
-    for (const Author& author : parse_shortlog(out)) {
+    const std::string since = str_argument(a[1], "get_authors_for_period", "since");
+    BindingGit git(call, a[0]);
+    const std::vector<AuthorEntry> authors = git_utils::authors_for_period(git, since);
+    ListBuilder list;
+    for (const AuthorEntry& author : authors) {
         Ref name = str_from_utf8(author.name), email = str_from_utf8(author.email);
-        Ref commits = check(PyLong_FromLongLong(author.commits));
-        Ref entry = check(Py_BuildValue("{s:O,s:O,s:O}", "name", name.get(), "email", email.get(), "commits",
-                                        commits.get()));
-        check(PyList_Append(authors.get(), entry.get()));
+        Ref commits = integer_object(author.commits);
+        list.add(check(Py_BuildValue("{s:O,s:O,s:O}", "name", name.get(), "email", email.get(), "commits", commits.get())));
     }
-    return authors;
+    return list.list();
 }
 
 Ref impl_resolve_commit(const Call& call, PyObject* const* a) {
-    std::string name = text_of(a[1], "resolve_commit", "name");
-    if (name.empty() || name[0] == '-') return Ref::borrow(Py_None);
-    return run(call, a[0], args::resolve_commit(name)).stripped_out_or_none();
+    const std::string name = str_argument(a[1], "resolve_commit", "name");
+    BindingGit git(call, a[0]);
+    return text_or_none(git_utils::resolve_commit(git, name));
 }
 
 Ref impl_count_commits(const Call& call, PyObject* const* a) {
-    std::string base = text_of(a[1], "count_commits", "base"), head = text_of(a[2], "count_commits", "head");
-    std::string out = checked(call, a[0], args::count_commits(base, head));
-    std::string_view count = strip(out);
-    if (count.empty()) return check(PyLong_FromLong(0));
-    Ref text = str_from_utf8(count);
-    return check(PyLong_FromUnicodeObject(text.get(), 10));
+    const std::string base = str_argument(a[1], "count_commits", "base");
+    const std::string head = str_argument(a[2], "count_commits", "head");
+    BindingGit git(call, a[0]);
+    return integer_object(git_utils::count_commits(git, base, head));
 }
 
 Ref impl_commit_before(const Call& call, PyObject* const* a) {
-    std::string ref = text_of(a[1], "commit_before", "ref");
-    std::vector<std::string> argv = args::commit_before(moment_text(call, a[2]));
-    argv.push_back(ref);
-    std::string out = checked(call, a[0], argv);
-    std::string_view id = strip(out);
-    return id.empty() ? Ref::borrow(Py_None) : str_from_utf8(id);
+    const std::string ref = str_argument(a[1], "commit_before", "ref");
+    const Moment moment = moment_argument(call, a[2], "commit_before", "moment");
+    BindingGit git(call, a[0]);
+    return text_or_none(git_utils::commit_before(git, ref, moment));
 }
 
 Ref impl_diff_file_changes(const Call& call, PyObject* const* a) {
-    std::string base = text_of(a[1], "diff_file_changes", "base"), head = text_of(a[2], "diff_file_changes", "head");
-    std::string out = checked(call, a[0], args::diff_file_changes(base, head));
-    return file_changes_from_output(call, out);
+    const std::string base = str_argument(a[1], "diff_file_changes", "base");
+    const std::string head = str_argument(a[2], "diff_file_changes", "head");
+    BindingGit git(call, a[0]);
+    return git_utils::diff_file_changes(git, base, head);
 }
 
 Ref impl_log_commit_changes(const Call& call, PyObject* const* a) {
-    Ref max_commits = check(PyObject_Format(a[3], nullptr));
+    const Moment since = moment_argument(call, a[1], "log_commit_changes", "since");
     std::optional<std::string> ref;
-    if (a[2] != Py_None) ref = text_of(a[2], "log_commit_changes", "ref");
-    std::string out = checked(call, a[0],
-                              args::log_commit_changes(moment_text(call, a[1]), utf8_of(max_commits.get()), ref));
-    return commit_changes_from_output(call, out);
-}
-
-Ref impl_path_batches(const Call& call, PyObject* const* a) {
-    Ref budget_obj = Ref::borrow(call.lookup(_MAX_PATHSPEC_CHARS));
-    // A tuple of its own: len() of a path runs the host's code, which must
-    // not be able to free paths still to be batched.
-    Ref fast = check(PySequence_Fast(a[0], "_path_batches() argument 'paths' must be a sequence of str"));
-    Ref seq = check(PySequence_Tuple(fast.get()));
-    Ref batches = check(PyList_New(0));
-    Ref batch = check(PyList_New(0));
-    check(PyList_Append(batches.get(), batch.get()));
-    // The budget is compared as Python compares numbers, so any number works.
-    Ref length = check(PyLong_FromLong(0));
-    Ref one = check(PyLong_FromLong(1));
-    for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(seq.get()); ++i) {
-        PyObject* path = PySequence_Fast_GET_ITEM(seq.get(), i);
-        Ref size = check(PyLong_FromSsize_t(PyObject_Length(path)));
-        if (PyErr_Occurred()) throw PyErrSet{};
-        Ref counted = check(PyNumber_Add(size.get(), one.get()));
-        Ref total = check(PyNumber_Add(length.get(), counted.get()));
-        int over = PyObject_RichCompareBool(total.get(), budget_obj.get(), Py_GT);
-        check(over);
-        if (PyList_GET_SIZE(batch.get()) > 0 && over) {
-            batch = check(PyList_New(0));
-            check(PyList_Append(batches.get(), batch.get()));
-            length = check(PyLong_FromLong(0));
-            total = counted;
-        }
-        check(PyList_Append(batch.get(), path));
-        length = total;
-    }
-    return batches;
+    if (a[2] != Py_None) ref = str_argument(a[2], "log_commit_changes", "ref");
+    if (!PyLong_Check(a[3]))
+        raise(PyExc_TypeError, "log_commit_changes() argument 'max_commits' must be int, not %.100s",
+              Py_TYPE(a[3])->tp_name);
+    Ref count = check(PyNumber_Long(a[3]));  // True counts as 1, written as such
+    Ref digits = check(PyObject_Str(count.get()));
+    BindingGit git(call, a[0]);
+    return git_utils::log_commit_changes(git, since, ref, utf8_of(digits.get()));
 }
 
 Ref impl_diff_line_spans(const Call& call, PyObject* const* a) {
-    std::string base = text_of(a[1], "diff_line_spans", "base"), head = text_of(a[2], "diff_line_spans", "head");
-    int merge_base = PyObject_IsTrue(a[3]);
-    check(merge_base);
-    std::string filter = text_of(a[5], "diff_line_spans", "diff_filter");
-    // The base command, with the patch options as the namespace holds them now.
-    Ref command = check(PyList_New(0));
-    for (const char* s : {"-c", "core.quotepath=off", "--literal-pathspecs", "diff"}) {
-        Ref item = check(PyUnicode_FromString(s));
-        check(PyList_Append(command.get(), item.get()));
-    }
-    Ref options = check(PySequence_Fast(call.lookup(_PATCH_OPTIONS), "_PATCH_OPTIONS must be a sequence"));
-    for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(options.get()); ++i)
-        check(PyList_Append(command.get(), PySequence_Fast_GET_ITEM(options.get(), i)));
-    std::vector<std::string> full = args::diff_line_spans(base, head, merge_base, filter);
-    auto from = full.begin();
-    while (from != full.end() && from->rfind("--diff-filter=", 0) != 0) ++from;
-    for (const std::string& s : std::vector<std::string>(from, full.end())) {
-        Ref item = str_from_utf8(s);
-        check(PyList_Append(command.get(), item.get()));
-    }
+    const std::string base = str_argument(a[1], "diff_line_spans", "base");
+    const std::string head = str_argument(a[2], "diff_line_spans", "head");
+    const bool merge_base = check(PyObject_IsTrue(a[3])) == 1;
+    if (PyUnicode_Check(a[4]) || PyBytes_Check(a[4]) || PyByteArray_Check(a[4]))
+        raise(PyExc_TypeError, "diff_line_spans() argument 'paths' must be a sequence of str, not %.100s",
+              Py_TYPE(a[4])->tp_name);
+    const std::string filter = str_argument(a[5], "diff_line_spans", "diff_filter");
+    BindingGit git(call, a[0], a[4]);
+    return git_utils::diff_line_spans(git, base, head, merge_base, filter);
+}
 
-    int has_paths = PyObject_IsTrue(a[4]);
-    check(has_paths);
-    Ref batches = !has_paths ? check(Py_BuildValue("[[]]"))
-                  : call.is_own(_path_batches) ? impl_path_batches(call, &a[4])
-                                               : call_name(call, _path_batches, {a[4]});
-    Ref result = check(PyDict_New());
-    Ref iter = check(PyObject_GetIter(batches.get()));
-    Ref separator = check(PyUnicode_FromString("--"));
-    while (PyObject* raw = PyIter_Next(iter.get())) {
-        Ref batch(raw);
-        Ref cmd = check(PySequence_List(command.get()));
-        int nonempty = PyObject_IsTrue(batch.get());
-        check(nonempty);
-        if (nonempty) {
-            check(PyList_Append(cmd.get(), separator.get()));
-            Ref extended = check(PySequence_InPlaceConcat(cmd.get(), batch.get()));
-        }
-        std::string out = checked(call, a[0], cmd.get());
-        Ref spans;
-        if (call.is_own(parse_line_spans)) {
-            spans = line_spans_of_text(call, out);
-        } else {
-            Ref text = str_from_utf8(out);
-            spans = call_name(call, parse_line_spans, {text.get()});
-        }
-        check(PyDict_Update(result.get(), spans.get()));
+Ref impl_path_batches(const Call& call, PyObject* const* a) {
+    if (PyUnicode_Check(a[0]) || PyBytes_Check(a[0]))
+        raise(PyExc_TypeError, "_path_batches() argument 'paths' must be a sequence of str, not %.100s",
+              Py_TYPE(a[0])->tp_name);
+    // A tuple of its own: len() of a path may run the host's code.
+    Ref paths = check(PySequence_Tuple(a[0]));
+    const std::int64_t budget = path_budget(call);
+    const std::vector<std::size_t> sizes = path_batch_sizes(
+        static_cast<std::size_t>(PyTuple_GET_SIZE(paths.get())),
+        [&](std::size_t i) {
+            const Py_ssize_t n = PyObject_Length(PyTuple_GET_ITEM(paths.get(), static_cast<Py_ssize_t>(i)));
+            if (n < 0) throw PyErrSet{};
+            return n;
+        },
+        budget);
+    ListBuilder batches;
+    Py_ssize_t next = 0;
+    for (std::size_t size : sizes) {
+        ListBuilder batch;
+        for (std::size_t k = 0; k < size; ++k) batch.add(Ref::borrow(PyTuple_GET_ITEM(paths.get(), next++)));
+        batches.add(batch.list());
     }
-    if (PyErr_Occurred()) throw PyErrSet{};
-    return result;
+    return batches.list();
 }
 
 }  // namespace git_utils::binding

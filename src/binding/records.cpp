@@ -1,5 +1,6 @@
-// The three record classes: real frozen dataclasses made at load, and a fast
-// way to build their instances without running a Python-level __init__.
+// The three record classes: real frozen dataclasses made at load, and their
+// instances made without running a Python-level __init__ while a class is
+// the one loading made, unchanged since.
 #include "common.hpp"
 
 namespace git_utils::binding {
@@ -31,9 +32,20 @@ const RecordDef kRecords[3] = {
      {{"start", "int"}, {"end", "int"}, {"added", "bool"}}},
 };
 
+// The type's version tag, assigned now if it has none. Any change to the
+// class (a new __init__, a property over a field) gives it another tag.
+unsigned int version_tag(PyObject* cls) {
+    auto* type = reinterpret_cast<PyTypeObject*>(cls);
+    if (type->tp_version_tag == 0) {
+        Ref name = check(PyUnicode_InternFromString("__init__"));
+        (void)_PyType_Lookup(type, name.get());  // looking a name up assigns the tag
+    }
+    return type->tp_version_tag;
+}
+
 }  // namespace
 
-Ref make_record_class(const Call& call, int which) {
+Ref make_record_class(const Call& call, Record which) {
     const RecordDef& def = kRecords[which];
     Ref annotations = check(PyDict_New());
     for (std::size_t i = 0; i < def.fields.size(); ++i) {
@@ -49,20 +61,33 @@ Ref make_record_class(const Call& call, int which) {
     check(PyDict_SetItemString(body.get(), "__qualname__", qualname.get()));
     check(PyDict_SetItemString(body.get(), "__doc__", doc.get()));
     check(PyDict_SetItemString(body.get(), "__annotations__", annotations.get()));
-    if (which == 0) check(PyDict_SetItemString(body.get(), "old_path", Py_None));
+    if (which == FILE_CHANGE) check(PyDict_SetItemString(body.get(), "old_path", Py_None));
     Ref cls = check(PyObject_CallFunction(reinterpret_cast<PyObject*>(&PyType_Type), "s()O", def.name, body.get()));
     // dataclass(frozen=True), through the imported name.
     Ref kwargs = check(Py_BuildValue("{s:O}", "frozen", Py_True));
-    Ref decorator = check(PyObject_Call(call.lookup(dataclass), call.st->empty_tuple, kwargs.get()));
-    return check(PyObject_CallOneArg(decorator.get(), cls.get()));
+    Ref dataclass_fn = call.get(dataclass);
+    Ref decorator = check(PyObject_Call(dataclass_fn.get(), call.st->empty_tuple, kwargs.get()));
+    Ref record = check(PyObject_CallOneArg(decorator.get(), cls.get()));
+    call.st->record_tags[which] = version_tag(record.get());
+    return record;
 }
 
-Ref new_record(const Call& call, PyObject* cls, int which, PyObject* const* values, int count) {
-    if (cls != call.st->own[FileChange + which]) return check(PyObject_Vectorcall(cls, values, count, nullptr));
+RecordMaker::RecordMaker(const Call& call, Record which)
+    : call_(call), which_(which), cls_(call.get(static_cast<Name>(FileChange + which))) {
+    const unsigned int tag = call.st->record_tags[which];
+    sealed_ = call.is_own(static_cast<Name>(FileChange + which), cls_) && tag != 0 &&
+              reinterpret_cast<PyTypeObject*>(cls_.get())->tp_version_tag == tag;
+}
+
+Ref RecordMaker::make(PyObject* const* values, int count) const {
+    if (!sealed_) return check(PyObject_Vectorcall(cls_.get(), values, static_cast<std::size_t>(count), nullptr));
     // object.__new__(cls), then the fields set in order with object.__setattr__,
-    // exactly what the dataclass's own __init__ does for a frozen class.
-    Ref obj = check(PyBaseObject_Type.tp_new(reinterpret_cast<PyTypeObject*>(cls), call.st->empty_tuple, nullptr));
-    for (int i = 0; i < count; ++i) check(PyObject_GenericSetAttr(obj.get(), call.st->field_names[which][i], values[i]));
+    // exactly what the dataclass's own __init__ does for a frozen class. The
+    // class has no descriptor for any field (its tag is unchanged), so this
+    // runs no Python code.
+    Ref obj = check(PyBaseObject_Type.tp_new(reinterpret_cast<PyTypeObject*>(cls_.get()), call_.st->empty_tuple, nullptr));
+    for (int i = 0; i < count; ++i)
+        check(PyObject_GenericSetAttr(obj.get(), call_.st->field_names[which_][i], values[i]));
     return obj;
 }
 

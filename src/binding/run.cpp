@@ -1,164 +1,277 @@
-// `run_git_command` and `_git_output`: the host's process options, the native
-// run with the interpreter lock released, the host's `subprocess.run` for
-// options the native path does not take, and the runner's log messages.
-#include <fcntl.h>
-#include <stdlib.h>
-#include <unistd.h>
-
-#include <array>
+// `run_git_command` and `_git_output` at the boundary: the host's extra start
+// options, the choice between the native process and the host's
+// `subprocess.run`, the runner's log lines through the namespace's logger,
+// and the routing of every library run through `run_git_command` as the
+// namespace holds it. What a run does is the core's (src/core/run.hpp).
 #include <cmath>
 #include <optional>
-#include <cstring>
 
 #include "common.hpp"
+#include "src/core/queries.hpp"
+#include "src/core/run.hpp"
 
 namespace git_utils::binding {
 namespace {
 
-const char* const kRunnerOptions[] = {"cwd", "capture_output", "encoding", "errors", "timeout"};
-
-Ref args_sequence(PyObject* args) {
-    if (PyUnicode_Check(args) || PyBytes_Check(args)) {
-        PyErr_Format(PyExc_TypeError, "args must be a list of str, not %.100s", Py_TYPE(args)->tp_name);
-        throw PyErrSet{};
-    }
-    // A tuple of its own: converting an element may run the host's code
-    // (__fspath__), which must not be able to shrink or free what is still
-    // to be read.
-    Ref fast = check(PySequence_Fast(args, "args must be a list of str"));
-    return check(PySequence_Tuple(fast.get()));
-}
-
-// What the host's options ask of the run.
-struct HostOptions {
-    bool use_subprocess = false;  // options the native path does not take
-    Ref env;                      // the "env" option, when given
-    Ref mapping;
+// The extra start options of one run, from the namespace's
+// get_subprocess_hidden_kwargs().
+struct StartOptions {
+    Ref mapping;                  // as the host returned it
+    Ref env;                      // its "env", when given
+    bool needs_subprocess = false;  // an option only the host's subprocess.run can apply
 };
 
-HostOptions read_host_options(const Call& call) {
-    HostOptions host;
-    host.mapping = check(PyObject_CallNoArgs(call.lookup(get_subprocess_hidden_kwargs)));
-    if (PyDict_CheckExact(host.mapping.get()) && PyDict_GET_SIZE(host.mapping.get()) == 0) return host;
-    Ref keys = check(PyMapping_Keys(host.mapping.get()));
-    Py_ssize_t n = PyList_GET_SIZE(keys.get());
-    for (Py_ssize_t i = 0; i < n; ++i) {
-        PyObject* key = PyList_GET_ITEM(keys.get(), i);
-        for (const char* own : kRunnerOptions) {
-            if (PyUnicode_Check(key) && PyUnicode_CompareWithASCIIString(key, own) == 0) {
-                PyErr_Format(PyExc_TypeError, "run_git_command() got multiple values for keyword argument '%s'", own);
-                throw PyErrSet{};
-            }
-        }
-        if (PyUnicode_Check(key) && PyUnicode_CompareWithASCIIString(key, "env") == 0) {
-            host.env = check(PyObject_GetItem(host.mapping.get(), key));
-        } else {
-            host.use_subprocess = true;
-        }
+StartOptions read_start_options(const Call& call) {
+    StartOptions options;
+    Ref provider = call.get(get_subprocess_hidden_kwargs);
+    options.mapping = check(PyObject_CallNoArgs(provider.get()));
+    if (PyDict_CheckExact(options.mapping.get()) && PyDict_GET_SIZE(options.mapping.get()) == 0) return options;
+    Ref keys = check(PyMapping_Keys(options.mapping.get()));
+    Ref key_tuple = check(PySequence_Tuple(keys.get()));
+    std::vector<std::string> names;
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(key_tuple.get()); ++i) {
+        PyObject* key = PyTuple_GET_ITEM(key_tuple.get(), i);
+        if (!PyUnicode_Check(key)) raise(PyExc_TypeError, "keywords must be strings");
+        names.push_back(utf8_of(key));
     }
-    return host;
+    check_start_options(names);
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        if (names[i] == "env")
+            options.env = check(PyObject_GetItem(options.mapping.get(), PyTuple_GET_ITEM(key_tuple.get(), static_cast<Py_ssize_t>(i))));
+        else
+            options.needs_subprocess = true;
+    }
+    return options;
 }
 
-std::vector<std::string> environment(PyObject* env) {
-    std::vector<std::string> out;
+// "NAME=value" entries of a host's env mapping, as subprocess checks them.
+Environment environment(PyObject* env) {
     Ref items = check(PyMapping_Items(env));
-    Py_ssize_t n = PyList_GET_SIZE(items.get());
-    for (Py_ssize_t i = 0; i < n; ++i) {
-        PyObject* item = PyList_GET_ITEM(items.get(), i);
-        std::string key = fs_bytes(PyTuple_GET_ITEM(item, 0), "environment variable name");
-        std::string value = fs_bytes(PyTuple_GET_ITEM(item, 1), "environment variable value");
-        if (key.empty() || key.find('=') != std::string::npos) {
-            PyErr_SetString(PyExc_ValueError, "illegal environment variable name");
-            throw PyErrSet{};
+    Ref pairs = check(PySequence_Tuple(items.get()));
+    Environment out;
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(pairs.get()); ++i) {
+        PyObject* item = PyTuple_GET_ITEM(pairs.get(), i);
+        if (!PyTuple_Check(item) || PyTuple_GET_SIZE(item) != 2)
+            raise(PyExc_TypeError, "env items must be (name, value) pairs, not %.100s", Py_TYPE(item)->tp_name);
+        std::string entry[2];
+        for (int k = 0; k < 2; ++k) {
+            Ref part = check(PyOS_FSPath(PyTuple_GET_ITEM(item, k)));
+            if (PyBytes_Check(part.get()))
+                entry[k].assign(PyBytes_AS_STRING(part.get()), static_cast<std::size_t>(PyBytes_GET_SIZE(part.get())));
+            else
+                entry[k] = os_bytes(utf8_of(part.get()), k == 0 ? "environment variable name" : "environment variable value");
+            if (entry[k].find('\0') != std::string::npos) raise(PyExc_ValueError, "embedded null byte");
         }
-        out.push_back(key + "=" + value);
+        if (entry[0].empty() || entry[0].find('=') != std::string::npos)
+            raise(PyExc_ValueError, "illegal environment variable name");
+        out.add(entry[0] + "=" + entry[1]);
     }
     return out;
 }
 
-// A pseudo-terminal for git's stdin on the subprocess route, at end of file
-// from the start (as the native runner gives it).
-struct Terminal {
-    int master = -1, slave = -1;
-    Terminal() {
-        master = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-        char name[128];
-        if (master < 0 || ::grantpt(master) != 0 || ::unlockpt(master) != 0 || ::ptsname_r(master, name, sizeof name) != 0 ||
-            (slave = ::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC)) < 0) {
-            PyErr_SetFromErrno(PyExc_OSError);
-            close_all();
+// The time limit of a run: None for none; a number of seconds otherwise.
+std::optional<double> seconds_of(PyObject* timeout) {
+    if (timeout == Py_None) return std::nullopt;
+    if (!PyLong_Check(timeout) && !PyFloat_Check(timeout))
+        raise(PyExc_TypeError, "run_git_command() argument 'timeout' must be int, float or None, not %.100s",
+              Py_TYPE(timeout)->tp_name);
+    const double seconds = PyFloat_AsDouble(timeout);
+    if (seconds == -1.0 && PyErr_Occurred()) throw PyErrSet{};
+    // As subprocess.run and time.sleep refuse it: NaN names no time.
+    if (std::isnan(seconds)) raise(PyExc_ValueError, "timeout must be a number of seconds, not NaN");
+    return seconds;
+}
+
+// The steps of one run through the library's own runner.
+class RunSteps {
+public:
+    RunSteps(const Call& call, const RunRequest& request) : call_(call), request_(request) {}
+
+    RunOutcome start() {
+        StartOptions options = read_start_options(call_);
+        Ref sp = call_.get(subprocess);
+        if (options.needs_subprocess || !call_.is_own(subprocess, sp)) return start_with_subprocess(sp, options);
+        return start_native(options);
+    }
+
+    void timed_out() { log(call_, "warning", "git command timed out after %ss: args=%s", {timeout().get(), args().get()}); }
+    void not_found() { log(call_, "warning", "git executable not found while running args=%s", {args().get()}); }
+    void failed(int returncode, std::string_view stderr_stripped) {
+        Ref rc = check(PyLong_FromLong(returncode));
+        Ref err = str_from_utf8(stderr_stripped);
+        log(call_, "debug", "git command failed: args=%s rc=%s stderr=%s", {args().get(), rc.get(), err.get()});
+    }
+
+private:
+    // The caller's list as given, or one made from the arguments.
+    Ref args() {
+        if (request_.args_object) return Ref::borrow(request_.args_object);
+        if (!args_list_) args_list_ = str_list(request_.args);
+        return args_list_;
+    }
+    Ref timeout() {
+        return request_.timeout ? Ref::borrow(request_.timeout) : check(PyLong_FromLong(static_cast<long>(DEFAULT_TIMEOUT)));
+    }
+
+    RunOutcome start_native(const StartOptions& options) {
+        // Everything the process needs is copied out of Python objects
+        // before the interpreter lock is released.
+        const std::string cwd = repo_root_text(request_.repo_root);
+        std::vector<std::string> argv;
+        argv.reserve(request_.args.size());
+        for (const std::string& a : request_.args) argv.push_back(os_bytes(a, "args"));
+        RunOptions run;
+        run.stdin_mode = request_.stdin_mode;
+        run.timeout = request_.timeout ? seconds_of(request_.timeout) : std::optional<double>(DEFAULT_TIMEOUT);
+        // The environment is copied here, with the interpreter lock held: no
+        // thread can change os.environ while it is read.
+        run.env = options.env && options.env.get() != Py_None ? environment(options.env.get()) : current_environment();
+
+        // The lock is released for the whole run; a signal that interrupts
+        // the wait takes it back briefly so the host's handler can run (and
+        // raise, which stops git).
+        PyThreadState* saved = nullptr;
+        run.on_interrupt = [&saved]() {
+            PyEval_RestoreThread(saved);
+            const bool stop = PyErr_CheckSignals() != 0;
+            saved = PyEval_SaveThread();
+            return stop;
+        };
+        RunOutcome outcome;
+        saved = PyEval_SaveThread();
+        try {
+            outcome = run_git_process(argv, cwd, run);
+        } catch (...) {
+            PyEval_RestoreThread(saved);
+            throw;
+        }
+        PyEval_RestoreThread(saved);
+        if (outcome.status == RunStatus::Interrupted) throw PyErrSet{};  // the handler's exception
+        return outcome;
+    }
+
+    // The host's `subprocess.run`, for start options that only it can apply
+    // (or a `subprocess` the host replaced).
+    RunOutcome start_with_subprocess(const Ref& sp, const StartOptions& options) {
+        ListBuilder cmd;
+        cmd.add(check(PyUnicode_FromString("git")));
+        for (const std::string& a : request_.args) cmd.add(str_from_utf8(a));
+        Ref command = cmd.list();
+        Ref cwd = check(PyObject_Str(request_.repo_root));
+        Ref limit = timeout();
+        Ref kwargs = check(Py_BuildValue("{s:O,s:O,s:s,s:s,s:O}", "cwd", cwd.get(), "capture_output", Py_True,
+                                         "encoding", "utf-8", "errors", "replace", "timeout", limit.get()));
+        check(PyDict_Update(kwargs.get(), options.mapping.get()));
+        std::optional<SilentTerminal> terminal;
+        if (request_.stdin_mode != StdinMode::Inherit && !PyDict_GetItemString(kwargs.get(), "stdin")) {
+            Ref stdin_value;
+            if (request_.stdin_mode == StdinMode::Terminal && terminal.emplace().fd() >= 0)
+                stdin_value = check(PyLong_FromLong(terminal->fd()));
+            else
+                stdin_value = attr(sp.get(), "DEVNULL");
+            check(PyDict_SetItemString(kwargs.get(), "stdin", stdin_value.get()));
+        }
+        Ref run = attr(sp.get(), "run");
+        Ref pargs = check(PyTuple_Pack(1, command.get()));
+        Ref completed(PyObject_Call(run.get(), pargs.get(), kwargs.get()));
+        RunOutcome outcome;
+        if (!completed) {
+            // Keep the run's own exception while looking up what it may be.
+            Ref raised(PyErr_GetRaisedException());
+            Ref expired;
+            try {
+                expired = attr(sp.get(), "TimeoutExpired");
+            } catch (PyErrSet&) {
+                PyErr_Clear();  // a subprocess without it: the run's own error stands
+            }
+            const bool is_timeout = expired && PyType_Check(expired.get()) &&
+                                    PyObject_IsInstance(raised.get(), expired.get()) == 1;
+            if (PyErr_Occurred()) PyErr_Clear();
+            if (is_timeout) {
+                outcome.status = RunStatus::TimedOut;
+                return outcome;
+            }
+            if (PyErr_GivenExceptionMatches(raised.get(), PyExc_FileNotFoundError)) {
+                outcome.status = RunStatus::NotFound;
+                return outcome;
+            }
+            PyErr_SetRaisedException(raised.release());
             throw PyErrSet{};
         }
-        const char eof = 0x04;
-        (void)!::write(master, &eof, 1);
+        Ref out = attr(completed.get(), "stdout");
+        Ref err = attr(completed.get(), "stderr");
+        Ref rc = attr(completed.get(), "returncode");
+        if (out.get() != Py_None) outcome.out = str_argument(out.get(), "subprocess.run", "stdout");
+        if (err.get() != Py_None) outcome.err = str_argument(err.get(), "subprocess.run", "stderr");
+        int overflow = 0;
+        const long code = PyLong_Check(rc.get()) ? PyLong_AsLongAndOverflow(rc.get(), &overflow) : 0;
+        if (!PyLong_Check(rc.get()) || overflow || code < INT_MIN || code > INT_MAX)
+            raise(PyExc_TypeError, "subprocess.run returned an exit code that is not a C int: %R", rc.get());
+        outcome.returncode = static_cast<int>(code);
+        return outcome;
     }
-    ~Terminal() { close_all(); }
-    void close_all() {
-        if (slave >= 0) ::close(slave);
-        if (master >= 0) ::close(master);
-        slave = master = -1;
+
+    const Call& call_;
+    const RunRequest& request_;
+    Ref args_list_;
+};
+
+// A host's triple as a result: str outputs and an integer exit code.
+GitResult result_of_triple(PyObject* triple) {
+    Ref seq = check(PySequence_Tuple(triple));
+    if (PyTuple_GET_SIZE(seq.get()) != 3)
+        raise(PyExc_TypeError, "run_git_command must return (stdout, stderr, returncode), not %zd values",
+              PyTuple_GET_SIZE(seq.get()));
+    GitResult r;
+    r.out = str_argument(PyTuple_GET_ITEM(seq.get(), 0), "run_git_command", "stdout");
+    r.err = str_argument(PyTuple_GET_ITEM(seq.get(), 1), "run_git_command", "stderr");
+    PyObject* code = PyTuple_GET_ITEM(seq.get(), 2);
+    if (!PyLong_Check(code))
+        raise(PyExc_TypeError, "run_git_command must return an int exit code, not %.100s", Py_TYPE(code)->tp_name);
+    int overflow = 0;
+    r.returncode = PyLong_AsLongLongAndOverflow(code, &overflow);
+    if (r.returncode == -1 && PyErr_Occurred()) throw PyErrSet{};
+    if (overflow) {
+        // An exit code beyond 64 bits keeps its digits for the message.
+        Ref digits = check(PyObject_Str(code));
+        r.returncode = overflow;
+        r.returncode_digits = utf8_of(digits.get());
+    }
+    return r;
+}
+
+// The runner `_git_output` sees: `run_git_command` as the namespace holds it.
+struct NamespaceRunner {
+    const Call& call;
+    const RunRequest& base;
+    GitResult run(std::vector<std::string> args) {
+        RunRequest r{base.repo_root, std::move(args), base.args_object, nullptr, StdinMode::Inherit};
+        return run_through_namespace(call, r);
     }
 };
 
-// The run through the host's `subprocess.run`, for host options that only it
-// knows how to apply.
-NativeRun run_with_subprocess(const Call& call, PyObject* repo_root, PyObject* seq, PyObject* timeout,
-                              PyObject* options, StdinMode stdin_mode) {
-    PyObject* sp = call.lookup(subprocess);
-    Ref cmd = check(PyList_New(0));
-    Ref git = check(PyUnicode_FromString("git"));
-    check(PyList_Append(cmd.get(), git.get()));
-    for (Py_ssize_t i = 0; i < PySequence_Fast_GET_SIZE(seq); ++i)
-        check(PyList_Append(cmd.get(), PySequence_Fast_GET_ITEM(seq, i)));
-    Ref cwd = check(PyObject_Str(repo_root));
-    Ref kwargs = check(Py_BuildValue("{s:O,s:O,s:s,s:s,s:O}", "cwd", cwd.get(), "capture_output", Py_True, "encoding",
-                                     "utf-8", "errors", "replace", "timeout", timeout));
-    check(PyDict_Update(kwargs.get(), options));
-    std::optional<Terminal> terminal;
-    if (stdin_mode != StdinMode::Inherit && !PyDict_GetItemString(kwargs.get(), "stdin")) {
-        Ref fd;
-        if (stdin_mode == StdinMode::Terminal) {
-            terminal.emplace();
-            fd = check(PyLong_FromLong(terminal->slave));
-        } else {
-            fd = check(PyObject_GetAttrString(sp, "DEVNULL"));
-        }
-        check(PyDict_SetItemString(kwargs.get(), "stdin", fd.get()));
-    }
-    Ref run = check(PyObject_GetAttrString(sp, "run"));
-    Ref pargs = check(PyTuple_Pack(1, cmd.get()));
-    PyObject* result = PyObject_Call(run.get(), pargs.get(), kwargs.get());
-    NativeRun out{RunStatus::Exited, {}, {}, 0};
-    if (!result) {
-        Ref expired(PyObject_GetAttrString(sp, "TimeoutExpired"));
-        if (!expired) PyErr_Clear();
-        if (expired && PyErr_ExceptionMatches(expired.get())) {
-            PyErr_Clear();
-            out.status = RunStatus::TimedOut;
-            return out;
-        }
-        if (PyErr_ExceptionMatches(PyExc_FileNotFoundError)) {
-            PyErr_Clear();
-            out.status = RunStatus::NotFound;
-            return out;
-        }
-        throw PyErrSet{};
-    }
-    Ref completed(result);
-    Ref so = check(PyObject_GetAttrString(result, "stdout"));
-    Ref se = check(PyObject_GetAttrString(result, "stderr"));
-    Ref rc = check(PyObject_GetAttrString(result, "returncode"));
-    if (so.get() != Py_None) out.out = utf8_of(so.get());
-    if (se.get() != Py_None) out.err = utf8_of(se.get());
-    out.returncode = PyLong_AsLong(rc.get());
-    if (out.returncode == -1 && PyErr_Occurred()) throw PyErrSet{};
-    decode_git_text(out.out);  // only line ends are left to normalise
-    decode_git_text(out.err);
-    return out;
+}  // namespace
+
+GitResult run_own(const Call& call, const RunRequest& request) {
+    RunSteps steps(call, request);
+    return run_with(steps);
 }
 
-Ref triple_of(const Call& call, NativeRun& run) {
-    switch (run.status) {
+GitResult run_through_namespace(const Call& call, const RunRequest& request) {
+    Ref runner = call.get(run_git_command);
+    if (call.is_own(run_git_command, runner)) return run_own(call, request);
+    Ref args = request.args_object ? Ref::borrow(request.args_object) : str_list(request.args);
+    Ref triple = check(PyObject_CallFunctionObjArgs(runner.get(), request.repo_root, args.get(), nullptr));
+    return result_of_triple(triple.get());
+}
+
+std::string checked_own(const Call& call, const RunRequest& request) {
+    NamespaceRunner runner{call, request};
+    return checked_output(runner, request.args);
+}
+
+Ref triple_of(const Call& call, const GitResult& result) {
+    switch (result.status) {
         case RunStatus::TimedOut:
         case RunStatus::Interrupted:
             return Ref::borrow(call.st->timed_out_triple);
@@ -167,180 +280,22 @@ Ref triple_of(const Call& call, NativeRun& run) {
         case RunStatus::Exited:
             break;
     }
-    Ref out = str_from_utf8(run.out);
-    Ref err = str_from_utf8(run.err);
-    Ref rc = check(PyLong_FromLong(run.returncode));
+    Ref out = str_from_utf8(result.out);
+    Ref err = str_from_utf8(result.err);
+    Ref rc = result.returncode_digits.empty() ? check(PyLong_FromLongLong(result.returncode))
+                                              : int_from_digits(result.returncode_digits);
     return check(PyTuple_Pack(3, out.get(), err.get(), rc.get()));
 }
 
-// The message of a failed run: stderr trimmed, or "git exited with code N".
-Ref failure_message(PyObject* err, PyObject* returncode) {
-    Ref stripped = strip_str(err);
-    int empty = PyObject_Not(stripped.get());
-    check(empty);
-    if (!empty) return stripped;
-    Ref code = check(PyObject_Format(returncode, nullptr));
-    return check(PyUnicode_FromFormat("git exited with code %U", code.get()));
-}
-
-Ref default_timeout() { return check(PyLong_FromLong(30)); }
-
-// The host's runner replaced ours: call it and check its triple.
-Ref host_checked_output(const Call& call, PyObject* repo_root, PyObject* args) {
-    Ref triple = check(PyObject_CallFunctionObjArgs(call.lookup(run_git_command), repo_root, args, nullptr));
-    Ref seq = check(PySequence_Fast(triple.get(), "run_git_command must return a triple"));
-    Py_ssize_t n = PySequence_Fast_GET_SIZE(seq.get());
-    if (n != 3) {
-        if (n < 3)
-            PyErr_Format(PyExc_ValueError, "not enough values to unpack (expected 3, got %zd)", n);
-        else
-            PyErr_SetString(PyExc_ValueError, "too many values to unpack (expected 3)");
-        throw PyErrSet{};
-    }
-    // Owned: comparing the code runs the host's code, which may change a
-    // list it returned.
-    Ref out = Ref::borrow(PySequence_Fast_GET_ITEM(seq.get(), 0));
-    Ref err = Ref::borrow(PySequence_Fast_GET_ITEM(seq.get(), 1));
-    Ref rc = Ref::borrow(PySequence_Fast_GET_ITEM(seq.get(), 2));
-    Ref zero = check(PyLong_FromLong(0));
-    int failed = PyObject_RichCompareBool(rc.get(), zero.get(), Py_NE);
-    check(failed);
-    if (failed) raise_git_error(call, failure_message(err.get(), rc.get()).get());
-    return out;
-}
-
-// Our own `_git_output` when our runner is in place: stdout as UTF-8.
-std::string native_checked_output(const Call& call, PyObject* repo_root, PyObject* args) {
-    NativeRun run = run_native(call, repo_root, args, default_timeout().get());
-    if (run.status == RunStatus::TimedOut || run.status == RunStatus::Interrupted)
-        raise_git_error(call, PyTuple_GET_ITEM(call.st->timed_out_triple, 1));
-    if (run.status == RunStatus::NotFound) raise_git_error(call, PyTuple_GET_ITEM(call.st->not_found_triple, 1));
-    if (run.returncode != 0) {
-        Ref msg = str_from_utf8(git_error_message(run.err, run.returncode));
-        raise_git_error(call, msg.get());
-    }
-    return std::move(run.out);
-}
-
-}  // namespace
-
-NativeRun run_native(const Call& call, PyObject* repo_root, PyObject* args, PyObject* timeout,
-                     StdinMode stdin_mode) {
-    Ref seq = args_sequence(args);
-    HostOptions host = read_host_options(call);
-    NativeRun run{RunStatus::Exited, {}, {}, 0};
-    if (host.use_subprocess || call.lookup(subprocess) != call.st->own[subprocess]) {
-        run = run_with_subprocess(call, repo_root, seq.get(), timeout, host.mapping.get(), stdin_mode);
-    } else {
-        std::string cwd = repo_root_text(repo_root);
-        std::vector<std::string> argv;
-        Py_ssize_t n = PySequence_Fast_GET_SIZE(seq.get());
-        argv.reserve(static_cast<std::size_t>(n));
-        for (Py_ssize_t i = 0; i < n; ++i) argv.push_back(fs_bytes(PySequence_Fast_GET_ITEM(seq.get(), i), "args"));
-        RunOptions options;
-        options.stdin_mode = stdin_mode;
-        if (timeout == Py_None) {
-            options.timeout.reset();
-        } else {
-            double seconds = PyFloat_AsDouble(timeout);
-            if (seconds == -1.0 && PyErr_Occurred()) throw PyErrSet{};
-            // As subprocess.run and time.sleep refuse it: NaN names no time.
-            if (std::isnan(seconds)) {
-                PyErr_SetString(PyExc_ValueError, "timeout must be a number of seconds, not NaN");
-                throw PyErrSet{};
-            }
-            options.timeout = seconds;
-        }
-        // The environment is copied here, with the interpreter lock held: no
-        // thread can change os.environ while it is read.
-        options.env = host.env && host.env.get() != Py_None ? environment(host.env.get()) : current_environment();
-
-        // The interpreter lock is released for the whole run; a signal that
-        // interrupts the wait takes it back briefly so the host's handler can
-        // run (and raise, which stops git).
-        PyThreadState* saved = nullptr;
-        options.on_interrupt = [&saved]() {
-            PyEval_RestoreThread(saved);
-            bool stop = PyErr_CheckSignals() != 0;
-            saved = PyEval_SaveThread();
-            return stop;
-        };
-        RunOutcome outcome;
-        saved = PyEval_SaveThread();
-        try {
-            outcome = run_git_process(argv, cwd, options);
-            if (outcome.status == RunStatus::Exited) {
-                decode_git_text(outcome.out);
-                decode_git_text(outcome.err);
-            }
-        } catch (...) {
-            PyEval_RestoreThread(saved);
-            throw;
-        }
-        PyEval_RestoreThread(saved);
-        if (outcome.status == RunStatus::Interrupted) throw PyErrSet{};
-        run = {outcome.status, std::move(outcome.out), std::move(outcome.err), outcome.returncode};
-    }
-
-    switch (run.status) {
-        case RunStatus::TimedOut:
-            log(call, call.st->str_warning, call.st->msg_timed_out, {timeout, args});
-            break;
-        case RunStatus::NotFound:
-            log(call, call.st->str_warning, call.st->msg_not_found, {args});
-            break;
-        case RunStatus::Exited:
-            if (run.returncode != 0) {
-                Ref rc = check(PyLong_FromLong(run.returncode));
-                Ref err = str_from_utf8(strip(run.err));
-                log(call, call.st->str_debug, call.st->msg_failed, {args, rc.get(), err.get()});
-            }
-            break;
-        case RunStatus::Interrupted:
-            break;
-    }
-    return run;
-}
-
-Ref run_git(const Call& call, PyObject* repo_root, PyObject* args, StdinMode stdin_mode) {
-    if (!call.is_own(run_git_command))
-        return check(PyObject_CallFunctionObjArgs(call.lookup(run_git_command), repo_root, args, nullptr));
-    NativeRun run = run_native(call, repo_root, args, default_timeout().get(), stdin_mode);
-    return triple_of(call, run);
-}
-
-std::string git_output_text(const Call& call, PyObject* repo_root, PyObject* args) {
-    if (!call.is_own(_git_output)) {
-        Ref out = check(PyObject_CallFunctionObjArgs(call.lookup(_git_output), repo_root, args, nullptr));
-        if (!PyUnicode_Check(out.get())) {
-            PyErr_Format(PyExc_TypeError, "_git_output must return str, not %.100s", Py_TYPE(out.get())->tp_name);
-            throw PyErrSet{};
-        }
-        return utf8_of(out.get());
-    }
-    if (call.is_own(run_git_command)) return native_checked_output(call, repo_root, args);
-    Ref out = host_checked_output(call, repo_root, args);
-    if (!PyUnicode_Check(out.get())) {
-        PyErr_Format(PyExc_TypeError, "run_git_command must return str output, not %.100s", Py_TYPE(out.get())->tp_name);
-        throw PyErrSet{};
-    }
-    return utf8_of(out.get());
-}
-
-Ref git_output(const Call& call, PyObject* repo_root, PyObject* args) {
-    if (!call.is_own(_git_output))
-        return check(PyObject_CallFunctionObjArgs(call.lookup(_git_output), repo_root, args, nullptr));
-    return impl_git_output(call, std::array<PyObject*, 2>{repo_root, args}.data());
-}
-
 Ref impl_run_git_command(const Call& call, PyObject* const* a) {
-    NativeRun run = run_native(call, a[0], a[1], a[2]);
-    return triple_of(call, run);
+    RunRequest request{a[0], str_list_argument(a[1], "run_git_command", "args", true), a[1], a[2]};
+    if (a[2] != Py_None) (void)seconds_of(a[2]);  // a bad limit fails before anything runs
+    return triple_of(call, run_own(call, request));
 }
 
 Ref impl_git_output(const Call& call, PyObject* const* a) {
-    if (!call.is_own(run_git_command)) return host_checked_output(call, a[0], a[1]);
-    return str_from_utf8(native_checked_output(call, a[0], a[1]));
+    RunRequest request{a[0], str_list_argument(a[1], "_git_output", "args", true), a[1]};
+    return str_from_utf8(checked_own(call, request));
 }
 
 }  // namespace git_utils::binding

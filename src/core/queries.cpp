@@ -1,71 +1,14 @@
-// Repository queries: each builds one git command line, runs it through the
-// backend it is given and reads the answer. Lenient queries go through
-// `run` and answer "nothing" when git fails; strict ones go through `output`,
-// which throws GitError.
-#include "utils/git_utils.hpp"
+// The queries with a policy that runs git natively, their argument lists,
+// and the readers they share.
+#include "src/core/queries.hpp"
 
-#include <limits>
 #include <unordered_map>
 
+#include "src/core/changes.hpp"
+#include "src/core/run.hpp"
+#include "src/core/timespec.hpp"
+
 namespace git_utils {
-
-namespace {
-
-class NativeBackend final : public GitBackend {
-public:
-    GitResult run(const std::string& repo_root, const std::vector<std::string>& args,
-                  StdinMode stdin_mode) override {
-        return run_git_command(repo_root, args, DEFAULT_TIMEOUT, stdin_mode);
-    }
-    std::string output(const std::string& repo_root, const std::vector<std::string>& args) override {
-        return git_output(repo_root, args);
-    }
-};
-
-// Reads a whole text as Python's int() reads a str in base 10: an optional
-// sign, then decimal digits (any Unicode Nd digit) with single underscores
-// allowed between two digits. Surrounding white space must already be gone.
-std::int64_t read_integer(std::string_view text) {
-    auto invalid = [&] {
-        return std::invalid_argument("invalid literal for int() with base 10: " + python_repr(text));
-    };
-    std::size_t pos = 0;
-    bool negative = false;
-    if (pos < text.size() && (text[pos] == '+' || text[pos] == '-')) {
-        negative = text[pos] == '-';
-        ++pos;
-    }
-    // Accumulate towards the negative end so that INT64_MIN fits.
-    constexpr std::int64_t lowest = std::numeric_limits<std::int64_t>::min();
-    std::int64_t value = 0;
-    bool overflow = false;
-    bool after_digit = false;    // the previous character was a digit
-    bool any_digit = false;
-    while (pos < text.size()) {
-        char32_t c = next_char(text, pos);
-        if (c == U'_') {
-            if (!after_digit) throw invalid();
-            after_digit = false;
-            continue;
-        }
-        int digit = decimal_digit_value(c);
-        if (digit < 0) throw invalid();
-        if (value < (lowest + digit) / 10) overflow = true;
-        else value = value * 10 - digit;
-        after_digit = any_digit = true;
-    }
-    if (!any_digit || !after_digit) throw invalid();
-    if (overflow || (!negative && value == lowest))
-        throw std::out_of_range("integer does not fit in 64 bits: " + python_repr(text));
-    return negative ? value : -value;
-}
-
-}  // namespace
-
-GitBackend& native_backend() {
-    static NativeBackend backend;
-    return backend;
-}
 
 // ---------------------------------------------------------------------------
 // Argument lists
@@ -73,45 +16,20 @@ GitBackend& native_backend() {
 
 namespace args {
 
-std::vector<std::string> diff_file_changes(std::string_view base, std::string_view head) {
-    std::string range(base);
-    range += "...";
-    range += head;
-    return {"diff", "--raw", "--numstat", "-M", "-z", "--no-textconv", std::move(range)};
+namespace {
+std::string range(std::string_view base, std::string_view dots, std::string_view head) {
+    std::string r(base);
+    r += dots;
+    r += head;
+    return r;
 }
+}  // namespace
 
-std::vector<std::string> log_commit_changes(std::string_view since, std::string_view max_commits,
-                                            std::optional<std::string_view> ref) {
-    std::vector<std::string> list = {"log",
-                                     "--since=" + std::string(since),
-                                     "--max-count=" + std::string(max_commits),
-                                     "--no-show-signature",
-                                     "--format=%x1e%ct",
-                                     "--raw",
-                                     "--numstat",
-                                     "-M",
-                                     "-z"};
-    if (ref) list.emplace_back(*ref);
-    return list;
-}
+std::vector<std::string> show_current_branch() { return {"branch", "--show-current"}; }
 
-std::vector<std::string> diff_line_spans(std::string_view base, std::string_view head, bool merge_base,
-                                         std::string_view diff_filter) {
-    // Zero context and no side prefixes: the patch form the span parser reads.
-    std::vector<std::string> list = {"-c",           "core.quotepath=off", "--literal-pathspecs", "diff",
-                                     "--no-color",   "--no-ext-diff",      "--no-textconv",       "--no-prefix",
-                                     "-M",           "-U0",                "--diff-filter=" + std::string(diff_filter)};
-    if (merge_base) {
-        std::string range(base);
-        range += "...";
-        range += head;
-        list.push_back(std::move(range));
-    } else {
-        list.emplace_back(base);
-        list.emplace_back(head);
-    }
-    return list;
-}
+std::vector<std::string> origin_head() { return {"symbolic-ref", "refs/remotes/origin/HEAD"}; }
+
+std::vector<std::string> verify(std::string_view name) { return {"rev-parse", "--verify", std::string(name)}; }
 
 std::vector<std::string> head_commit(bool short_id) {
     if (short_id) return {"rev-parse", "--short", "HEAD"};
@@ -124,172 +42,234 @@ std::vector<std::string> resolve_commit(std::string_view name) {
 }
 
 std::vector<std::string> count_commits(std::string_view base, std::string_view head) {
-    std::string range(base);
-    range += "..";
-    range += head;
-    return {"rev-list", "--count", std::move(range)};
+    return {"rev-list", "--count", range(base, "..", head)};
 }
 
-std::vector<std::string> commit_before(std::string_view moment) {
-    return {"rev-list", "-1", "--before=" + std::string(moment)};
+std::vector<std::string> commit_before(const Moment& moment, std::string_view ref) {
+    return {"rev-list", "-1", "--before=" + format_moment(moment), std::string(ref)};
 }
 
-std::vector<std::string> authors(std::string_view since_iso) {
-    return {"shortlog", "--since=" + std::string(since_iso), "-sne"};
+std::vector<std::string> diff_file_changes(std::string_view base, std::string_view head) {
+    return {"diff", "--raw", "--numstat", "-M", "-z", "--no-textconv", range(base, "...", head)};
+}
+
+std::vector<std::string> log_commit_changes(const Moment& since, std::string_view max_commits,
+                                            std::optional<std::string_view> ref) {
+    std::vector<std::string> list = {"log",      "--since=" + format_moment(since),
+                                     "--max-count=" + std::string(max_commits),
+                                     "--no-show-signature", "--format=%x1e%ct",
+                                     "--raw",    "--numstat", "-M", "-z"};
+    if (ref) list.emplace_back(*ref);
+    return list;
+}
+
+std::vector<std::string> patch_options() {
+    // Zero context and no side prefixes: the patch form the span parser reads.
+    return {"--no-color", "--no-ext-diff", "--no-textconv", "--no-prefix", "-M", "-U0"};
+}
+
+std::vector<std::string> diff_line_spans(std::string_view base, std::string_view head, bool merge_base,
+                                         std::string_view diff_filter, const std::vector<std::string>& patch_options) {
+    std::vector<std::string> list = {"-c", "core.quotepath=off", "--literal-pathspecs", "diff"};
+    list.insert(list.end(), patch_options.begin(), patch_options.end());
+    list.push_back("--diff-filter=" + std::string(diff_filter));
+    if (merge_base) {
+        list.push_back(range(base, "...", head));
+    } else {
+        list.emplace_back(base);
+        list.emplace_back(head);
+    }
+    return list;
+}
+
+std::vector<std::string> authors(const Moment& since) {
+    return {"shortlog", "--since=" + format_moment(since), "-sne"};
 }
 
 }  // namespace args
 
 // ---------------------------------------------------------------------------
-// Path batching
+// Shared readers
 // ---------------------------------------------------------------------------
 
-std::vector<std::vector<std::string>> path_batches(const std::vector<std::string>& paths, std::size_t budget) {
-    std::vector<std::vector<std::string>> batches(1);
-    std::size_t length = 0;
-    for (const std::string& path : paths) {
-        // Characters, not bytes: the budget is a count of code points, each
-        // path with one more for the separator between arguments.
-        std::size_t chars = 0;
-        for (std::size_t pos = 0; pos < path.size(); ++chars) next_char(path, pos);
-        if (!batches.back().empty() && length + chars + 1 > budget) {
-            batches.emplace_back();
-            length = 0;
-        }
-        batches.back().push_back(path);
-        length += chars + 1;
-    }
-    return batches;
+std::string git_error_message(const GitResult& result) {
+    const std::string_view trimmed = strip(result.err);
+    if (!trimmed.empty()) return std::string(trimmed);
+    return "git exited with code " +
+           (result.returncode_digits.empty() ? std::to_string(result.returncode) : result.returncode_digits);
 }
 
-// ---------------------------------------------------------------------------
-// Commit resolution and counting
-// ---------------------------------------------------------------------------
-
-std::optional<std::string> get_head_commit(GitBackend& git, const std::string& repo_root, bool short_id) {
-    GitResult result = git.run(repo_root, args::head_commit(short_id));
-    std::string_view commit = strip(result.out);
-    // The exit code decides: without commits, `rev-parse HEAD` still prints
-    // "HEAD" but fails.
-    if (result.returncode != 0 || commit.empty()) return std::nullopt;
-    return std::string(commit);
+Integer read_integer(std::string_view text) {
+    const DecimalInteger d = read_decimal_integer(text);
+    if (!d.valid) throw std::invalid_argument("invalid literal for int() with base 10: " + python_repr(text));
+    Integer i;
+    if (d.fits)
+        i.value = d.value;
+    else
+        i.digits = ascii_digits(d.text);
+    return i;
 }
 
-std::optional<std::string> resolve_commit(GitBackend& git, const std::string& repo_root, std::string_view name) {
-    // git would read a leading "-" as an option; no branch can start with one.
-    if (name.empty() || name.front() == '-') return std::nullopt;
-    GitResult result = git.run(repo_root, args::resolve_commit(name));
-    std::string_view commit = strip(result.out);
-    if (result.returncode != 0 || commit.empty()) return std::nullopt;
-    return std::string(commit);
-}
-
-std::int64_t count_commits(GitBackend& git, const std::string& repo_root, std::string_view base,
-                           std::string_view head) {
-    std::string out = git.output(repo_root, args::count_commits(base, head));
-    std::string_view count = strip(out);
-    if (count.empty()) return 0;
-    return read_integer(count);
-}
-
-std::optional<std::string> commit_before(GitBackend& git, const std::string& repo_root, std::string_view ref,
-                                         const Moment& moment) {
-    std::vector<std::string> list = args::commit_before(format_moment(moment));
-    list.emplace_back(ref);
-    std::string out = git.output(repo_root, list);
-    std::string_view commit = strip(out);
-    if (commit.empty()) return std::nullopt;
-    return std::string(commit);
-}
-
-// ---------------------------------------------------------------------------
-// File and line changes
-// ---------------------------------------------------------------------------
-
-std::vector<FileChange> diff_file_changes(GitBackend& git, const std::string& repo_root, std::string_view base,
-                                          std::string_view head) {
-    return parse_file_changes(git.output(repo_root, args::diff_file_changes(base, head)));
-}
-
-std::vector<CommitChanges> log_commit_changes(GitBackend& git, const std::string& repo_root, const Moment& since,
-                                              std::optional<std::string_view> ref, std::int64_t max_commits) {
-    std::vector<std::string> list = args::log_commit_changes(format_moment(since), std::to_string(max_commits), ref);
-    return parse_commit_changes(git.output(repo_root, list));
-}
-
-LineSpansByPath diff_line_spans(GitBackend& git, const std::string& repo_root, std::string_view base,
-                                std::string_view head, bool merge_base, const std::vector<std::string>& paths,
-                                std::string_view diff_filter) {
-    const std::vector<std::string> base_command = args::diff_line_spans(base, head, merge_base, diff_filter);
-    std::vector<std::vector<std::string>> batches =
-        paths.empty() ? std::vector<std::vector<std::string>>(1) : path_batches(paths);
-
-    LineSpansByPath result;
-    std::unordered_map<std::string, std::size_t> position;  // path -> index in `result`
-    for (const std::vector<std::string>& batch : batches) {
-        std::vector<std::string> command = base_command;
-        if (!batch.empty()) {
-            command.emplace_back("--");
-            command.insert(command.end(), batch.begin(), batch.end());
-        }
-        // A failing batch throws out of the loop: no partial result.
-        LineSpansByPath spans = parse_line_spans(git.output(repo_root, command));
-        for (auto& [path, list] : spans) {
-            // A later batch replaces a path's spans; the path keeps its place.
-            auto [it, inserted] = position.try_emplace(path, result.size());
-            if (inserted) result.emplace_back(std::move(path), std::move(list));
-            else result[it->second].second = std::move(list);
-        }
-    }
-    return result;
-}
-
-// ---------------------------------------------------------------------------
-// Authors of a period
-// ---------------------------------------------------------------------------
-
-std::vector<Author> parse_shortlog(std::string_view output) {
-    std::vector<Author> authors;
-    std::string_view text = strip(output);
+std::vector<AuthorEntry> parse_shortlog(std::string_view output) {
+    std::vector<AuthorEntry> authors;
+    const std::string_view text = strip(output);
     std::size_t pos = 0;
     while (pos <= text.size()) {
         std::size_t end = text.find('\n', pos);
         if (end == std::string_view::npos) end = text.size();
-        std::string_view line = strip(text.substr(pos, end - pos));
+        const std::string_view line = strip(text.substr(pos, end - pos));
         pos = end + 1;
 
-        std::size_t tab = line.find('\t');
+        const std::size_t tab = line.find('\t');
         if (tab == std::string_view::npos) continue;  // also every empty line
-        std::string_view count_str = strip(line.substr(0, tab));
-        std::string_view rest = line.substr(tab + 1);
+        const std::string_view rest = line.substr(tab + 1);
 
-        Author author;
-        author.commits = read_integer(count_str);
-        std::size_t lt = rest.find('<');
+        AuthorEntry& author = authors.emplace_back();
+        author.commits = read_integer(strip(line.substr(0, tab)));
+        const std::size_t lt = rest.find('<');
         if (lt != std::string_view::npos && rest.find('>') != std::string_view::npos) {
             author.name = strip(rest.substr(0, lt));
             // The address runs from the first "<" to the next "<" (or the
             // end), cut before its first ">".
             std::string_view email = rest.substr(lt + 1);
             email = email.substr(0, email.find('<'));
-            email = email.substr(0, email.find('>'));
-            author.email = email;
+            author.email = email.substr(0, email.find('>'));
         } else {
             author.name = rest;
         }
-        authors.push_back(std::move(author));
     }
     return authors;
 }
 
-std::vector<Author> get_authors_for_period(GitBackend& git, const std::string& repo_root, std::string_view since) {
-    // A malformed since value (TimeSpecError) throws here, before git runs.
-    Moment since_moment = parse_time_spec(since);
-    // Without a revision, shortlog summarises HEAD only when its standard
-    // input is a terminal; otherwise it would wait for a log on stdin.
-    GitResult result = git.run(repo_root, args::authors(format_moment(since_moment)), StdinMode::Terminal);
-    if (result.returncode != 0) return {};
-    return parse_shortlog(result.out);
+std::vector<std::vector<std::string>> path_batches(const std::vector<std::string>& paths, std::int64_t budget) {
+    const std::vector<std::size_t> sizes =
+        path_batch_sizes(paths.size(), [&](std::size_t i) { return code_point_count(paths[i]); }, budget);
+    std::vector<std::vector<std::string>> batches;
+    batches.reserve(sizes.size());
+    auto next = paths.begin();
+    for (std::size_t size : sizes) {
+        batches.emplace_back(next, next + static_cast<std::ptrdiff_t>(size));
+        next += static_cast<std::ptrdiff_t>(size);
+    }
+    return batches;
+}
+
+// ---------------------------------------------------------------------------
+// The queries with git run natively
+// ---------------------------------------------------------------------------
+
+namespace {
+
+class NativeGit {
+public:
+    using Text = std::string;
+
+    explicit NativeGit(const std::string& repo_root, const std::vector<std::string>* paths = nullptr)
+        : root_(repo_root), paths_(paths) {}
+
+    GitResult run(std::vector<std::string> args, StdinMode mode = StdinMode::Inherit) {
+        return run_git_command(root_, args, DEFAULT_TIMEOUT, mode);
+    }
+    Text output(std::vector<std::string> args) { return checked_output(*this, std::move(args)); }
+    static std::string_view view(const Text& t) { return t; }
+
+    static std::vector<FileChange> parse_file_changes(Text&& t) { return git_utils::parse_file_changes(t); }
+    static std::vector<CommitChanges> parse_commit_changes(Text&& t) { return git_utils::parse_commit_changes(t); }
+    static LineSpansByPath parse_line_spans(Text&& t) { return git_utils::parse_line_spans(t); }
+
+    LineSpansByPath new_spans() { return {}; }
+    void merge_spans(LineSpansByPath& into, LineSpansByPath&& from) {
+        for (auto& [path, list] : from) {
+            auto [it, inserted] = position_.try_emplace(path, into.size());
+            if (inserted)
+                into.emplace_back(std::move(path), std::move(list));
+            else
+                into[it->second].second = std::move(list);
+        }
+    }
+    static std::vector<std::string> patch_options() { return args::patch_options(); }
+    bool has_paths() const { return paths_ && !paths_->empty(); }
+    std::vector<std::vector<std::string>> path_batches() const { return git_utils::path_batches(*paths_); }
+
+    static Moment period_start(std::string_view since) { return parse_time_spec(since); }
+    static void shortlog_failed(const GitResult&, std::string_view) {}
+
+private:
+    const std::string& root_;
+    const std::vector<std::string>* paths_;
+    std::unordered_map<std::string, std::size_t> position_;  // path -> its entry of a merged result
+};
+
+std::int64_t to_int64(const Integer& i) {
+    if (!i.digits.empty()) throw std::out_of_range("integer does not fit 64 bits: " + i.digits);
+    return i.value;
+}
+
+}  // namespace
+
+std::string git_output(const std::string& repo_root, const std::vector<std::string>& args) {
+    NativeGit git(repo_root);
+    return git.output(args);
+}
+
+std::optional<std::string> resolve_display_branch(const std::string& repo_root) {
+    NativeGit git(repo_root);
+    return resolve_display_branch(git);
+}
+
+std::string get_default_branch(const std::string& repo_root) {
+    NativeGit git(repo_root);
+    return get_default_branch(git);
+}
+
+bool branch_exists(const std::string& repo_root, std::string_view branch) {
+    NativeGit git(repo_root);
+    return branch_exists(git, branch);
+}
+
+std::vector<Author> get_authors_for_period(const std::string& repo_root, std::string_view since) {
+    NativeGit git(repo_root);
+    std::vector<Author> authors;
+    for (AuthorEntry& e : authors_for_period(git, since))
+        authors.push_back(Author{std::move(e.name), std::move(e.email), to_int64(e.commits)});
+    return authors;
+}
+
+std::optional<std::string> get_head_commit(const std::string& repo_root, bool short_id) {
+    NativeGit git(repo_root);
+    return get_head_commit(git, short_id);
+}
+
+std::optional<std::string> resolve_commit(const std::string& repo_root, std::string_view name) {
+    NativeGit git(repo_root);
+    return resolve_commit(git, name);
+}
+
+std::int64_t count_commits(const std::string& repo_root, std::string_view base, std::string_view head) {
+    NativeGit git(repo_root);
+    return to_int64(count_commits(git, base, head));
+}
+
+std::optional<std::string> commit_before(const std::string& repo_root, std::string_view ref, const Moment& moment) {
+    NativeGit git(repo_root);
+    return commit_before(git, ref, moment);
+}
+
+std::vector<FileChange> diff_file_changes(const std::string& repo_root, std::string_view base, std::string_view head) {
+    NativeGit git(repo_root);
+    return diff_file_changes(git, base, head);
+}
+
+std::vector<CommitChanges> log_commit_changes(const std::string& repo_root, const Moment& since,
+                                              std::optional<std::string_view> ref, std::int64_t max_commits) {
+    NativeGit git(repo_root);
+    return log_commit_changes(git, since, ref, std::to_string(max_commits));
+}
+
+LineSpansByPath diff_line_spans(const std::string& repo_root, std::string_view base, std::string_view head,
+                                bool merge_base, const std::vector<std::string>& paths, std::string_view diff_filter) {
+    NativeGit git(repo_root, &paths);
+    return diff_line_spans(git, base, head, merge_base, diff_filter);
 }
 
 }  // namespace git_utils

@@ -1,6 +1,7 @@
 // Repository root discovery: walks up the written form of an absolute path
 // looking for a ".git" entry. No symbolic link is resolved and no ".." is
 // collapsed, so the answer keeps the spelling the caller used.
+#include "src/core/roots.hpp"
 #include "utils/git_utils.hpp"
 
 #include <cerrno>
@@ -46,7 +47,7 @@ bool exists(const std::string& path) {
     if (::stat(path.c_str(), &st) == 0) return true;
     int err = errno;
     if (err == ENOENT || err == ENOTDIR || err == EBADF || err == ELOOP) return false;
-    throw FilesystemError(err, path);
+    throw OsError(err, path);
 }
 
 }  // namespace
@@ -58,7 +59,7 @@ std::string current_directory() {
             buffer.resize(buffer.find('\0'));
             return buffer;
         }
-        if (errno != ERANGE) throw FilesystemError(errno, "");
+        if (errno != ERANGE) throw OsError(errno, "");
         buffer.resize(buffer.size() * 2);
     }
 }
@@ -79,8 +80,8 @@ std::optional<std::string> find_git_root(std::optional<std::string> start) {
 }
 
 std::string find_repo_root() {
-    if (auto root = find_git_root()) return *root;
-    return current_directory();
+    return *find_repo_root_with([] { return find_git_root(); },
+                                [] { return std::optional<std::string>(current_directory()); });
 }
 
 }  // namespace git_utils

@@ -1,12 +1,12 @@
 // The git command runner, the part that is the same on every platform: the
 // deadline, the chunked collection of both outputs, the outcome as the result
-// triple, and the checked wrapper. Starting and watching git is in
-// process.hpp's platform code.
+// triple. Starting and watching git is in process.hpp's platform code.
 #include <algorithm>
 #include <chrono>
 #include <utility>
 
 #include "src/core/process.hpp"
+#include "src/core/run.hpp"
 #include "utils/git_utils.hpp"
 
 namespace git_utils {
@@ -77,36 +77,41 @@ RunOutcome run_git_process(const std::vector<std::string>& args, const std::stri
     return outcome;
 }
 
+GitResult timed_out_result() {
+    GitResult r;
+    r.err = TIMED_OUT_MESSAGE;
+    r.returncode = 1;
+    r.status = RunStatus::TimedOut;
+    return r;
+}
+
+GitResult not_found_result() {
+    GitResult r;
+    r.err = NOT_FOUND_MESSAGE;
+    r.returncode = 1;
+    r.status = RunStatus::NotFound;
+    return r;
+}
+
+namespace {
+// The native process; nothing is logged (the C++ library has no logger).
+struct NativeRunSteps {
+    const std::vector<std::string>& args;
+    const std::string& cwd;
+    RunOptions options;
+    RunOutcome start() { return run_git_process(args, cwd, options); }
+    void timed_out() {}
+    void not_found() {}
+    void failed(int, std::string_view) {}
+};
+}  // namespace
+
 GitResult run_git_command(const std::string& repo_root, const std::vector<std::string>& args,
                           std::optional<double> timeout, StdinMode stdin_mode) {
-    RunOptions options;
-    options.timeout = timeout;
-    options.stdin_mode = stdin_mode;
-    RunOutcome outcome = run_git_process(args, repo_root, options);
-    switch (outcome.status) {
-        case RunStatus::TimedOut:
-        case RunStatus::Interrupted:
-            return {"", std::string(TIMED_OUT_MESSAGE), 1};
-        case RunStatus::NotFound:
-            return {"", std::string(NOT_FOUND_MESSAGE), 1};
-        case RunStatus::Exited:
-            break;
-    }
-    decode_git_text(outcome.out);
-    decode_git_text(outcome.err);
-    return {std::move(outcome.out), std::move(outcome.err), outcome.returncode};
-}
-
-std::string git_error_message(std::string_view err, int returncode) {
-    std::string_view trimmed = strip(err);
-    if (!trimmed.empty()) return std::string(trimmed);
-    return "git exited with code " + std::to_string(returncode);
-}
-
-std::string git_output(const std::string& repo_root, const std::vector<std::string>& args) {
-    GitResult result = run_git_command(repo_root, args);
-    if (result.returncode != 0) throw GitError(git_error_message(result.err, result.returncode));
-    return std::move(result.out);
+    NativeRunSteps steps{args, repo_root, {}};
+    steps.options.timeout = timeout;
+    steps.options.stdin_mode = stdin_mode;
+    return run_with(steps);
 }
 
 }  // namespace git_utils

@@ -2,7 +2,9 @@
 // replacement, line-end normalisation, white space, and Python-style quoting.
 #include <cstring>
 
-#include "utils/git_utils.hpp"
+#include "src/core/text.hpp"
+
+#include <limits>
 
 namespace git_utils {
 namespace {
@@ -243,6 +245,106 @@ std::string_view strip(std::string_view text) {
         text.remove_suffix(text.size() - start);
     }
     return text;
+}
+
+std::size_t code_point_count(std::string_view text) {
+    std::size_t count = 0;
+    for (std::size_t pos = 0; pos < text.size(); ++count) next_char(text, pos);
+    return count;
+}
+
+namespace {
+constexpr std::uint64_t kInt64Max = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
+
+// Reads digits from `pos` to the end of `text` into a magnitude of at most
+// `limit`; false when a character is not a digit. `fits` turns false once
+// the magnitude passes the limit (the digits are still checked).
+bool read_digits(std::string_view text, std::size_t pos, std::uint64_t limit, std::uint64_t& magnitude, bool& fits) {
+    if (pos >= text.size()) return false;
+    magnitude = 0;
+    fits = true;
+    while (pos < text.size()) {
+        const int digit = read_decimal_digit(text, pos);
+        if (digit < 0) return false;
+        if (!fits) continue;
+        if (magnitude > (limit - static_cast<unsigned>(digit)) / 10)
+            fits = false;
+        else
+            magnitude = magnitude * 10 + static_cast<unsigned>(digit);
+    }
+    return true;
+}
+}  // namespace
+
+DecimalInteger read_decimal_integer(std::string_view text) {
+    DecimalInteger d;
+    d.text = text;
+    // What git writes: up to 18 ASCII digits, read inline.
+    if (!text.empty() && text.size() <= 18) {
+        std::int64_t value = 0;
+        std::size_t i = 0;
+        for (; i < text.size(); ++i) {
+            const unsigned c = static_cast<unsigned char>(text[i]) - '0';
+            if (c > 9) break;
+            value = value * 10 + c;
+        }
+        if (i == text.size()) {
+            d.value = value;
+            d.valid = true;
+            return d;
+        }
+    }
+    std::size_t pos = 0;
+    const bool negative = !text.empty() && text[0] == '-';
+    if (!text.empty() && (text[0] == '+' || text[0] == '-')) ++pos;
+    // A negative value reaches one further than a positive one.
+    std::uint64_t magnitude = 0;
+    if (!read_digits(text, pos, negative ? kInt64Max + 1 : kInt64Max, magnitude, d.fits)) return d;
+    d.valid = true;
+    if (d.fits) d.value = negative ? static_cast<std::int64_t>(0 - magnitude) : static_cast<std::int64_t>(magnitude);
+    return d;
+}
+
+Decimal line_count(std::string_view field) {
+    Decimal d;
+    // git writes ASCII digits that fit: read those inline.
+    if (!field.empty() && field.size() <= 18) {
+        std::int64_t value = 0;
+        std::size_t pos = 0;
+        for (; pos < field.size(); ++pos) {
+            const unsigned c = static_cast<unsigned char>(field[pos]) - '0';
+            if (c > 9) break;
+            value = value * 10 + c;
+        }
+        if (pos == field.size()) {
+            d.text = field;
+            d.value = value;
+            return d;
+        }
+    }
+    std::uint64_t magnitude = 0;
+    bool fits = true;
+    if (!read_digits(field, 0, kInt64Max, magnitude, fits)) return Decimal{};
+    d.text = field;
+    d.fits = fits;
+    if (fits) d.value = static_cast<std::int64_t>(magnitude);
+    return d;
+}
+
+std::string ascii_digits(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    std::size_t pos = 0;
+    while (pos < text.size()) {
+        const int digit = read_decimal_digit(text, pos);
+        if (digit >= 0) {
+            out.push_back(static_cast<char>('0' + digit));
+        } else {
+            out.push_back(text[pos] == '-' ? '-' : '+');
+            ++pos;
+        }
+    }
+    return out;
 }
 
 std::string python_repr(std::string_view text) {

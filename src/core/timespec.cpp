@@ -6,7 +6,7 @@
 // 0001-01-01 00:00:00; the calendar is exactly [0, kLastMicros]. All
 // arithmetic happens on that count, so a day is always 24 hours and no
 // daylight-saving rule touches a relative form.
-#include "utils/git_utils.hpp"
+#include "src/core/timespec.hpp"
 
 #include <cerrno>
 #include <cstdio>
@@ -94,57 +94,25 @@ Moment from_micros(std::int64_t us) {
 
 bool in_calendar(std::int64_t us) { return us >= 0 && us <= kLastMicros; }
 
-// ---------------------------------------------------------------------------
-// Errors
-// ---------------------------------------------------------------------------
-
-[[noreturn]] void throw_invalid(std::string_view since) {
-    throw TimeSpecError("since must be " + std::string(TIME_SPEC_FORMS) + "; got " + python_repr(since), false);
-}
-
-// The calendar error carries the range failure behind it as a nested
-// exception, so a caller can report it as the cause.
-[[noreturn]] void throw_outside_calendar(std::string_view since) {
-    try {
-        throw std::overflow_error("date value out of range");
-    } catch (const std::overflow_error&) {
-        std::throw_with_nested(TimeSpecError("since " + python_repr(since) + " reaches outside the calendar", true));
-    }
-}
-
-// ---------------------------------------------------------------------------
-// Relative form: Unicode decimal digits, then one unit letter
-// ---------------------------------------------------------------------------
-
-struct RelativeSpec {
-    bool too_large = false;  // more than fits in 64 bits: certainly outside the calendar
-    std::uint64_t amount = 0;
-    std::uint64_t unit_micros = 0;
+// The relative amount as far as 64 bits go; `too_large` past them.
+struct Amount {
+    std::uint64_t value = 0;
+    bool too_large = false;
 };
 
-std::optional<RelativeSpec> match_relative(std::string_view stripped) {
-    if (stripped.size() < 2) return std::nullopt;
-    RelativeSpec rel;
-    switch (stripped.back()) {
-        case 'm': rel.unit_micros = 60 * kMicrosPerSecond; break;
-        case 'h': rel.unit_micros = 3'600 * kMicrosPerSecond; break;
-        case 'd': rel.unit_micros = kMicrosPerDay; break;
-        case 'w': rel.unit_micros = 7 * kMicrosPerDay; break;
-        default: return std::nullopt;
-    }
-    // The unit is one ASCII byte, so the digits end on a character boundary.
-    const std::string_view digits = stripped.substr(0, stripped.size() - 1);
+Amount read_amount(std::string_view digits) {
+    Amount a;
     std::size_t pos = 0;
     while (pos < digits.size()) {
-        const int value = decimal_digit_value(next_char(digits, pos));
-        if (value < 0) return std::nullopt;
-        if (rel.too_large) continue;  // keep checking that every character is a digit
-        if (rel.amount > (std::numeric_limits<std::uint64_t>::max() - 9) / 10)
-            rel.too_large = true;
+        const int value = read_decimal_digit(digits, pos);
+        if (value < 0) break;
+        if (a.too_large) continue;
+        if (a.value > (std::numeric_limits<std::uint64_t>::max() - 9) / 10)
+            a.too_large = true;
         else
-            rel.amount = rel.amount * 10 + static_cast<unsigned>(value);
+            a.value = a.value * 10 + static_cast<unsigned>(value);
     }
-    return rel;
+    return a;
 }
 
 // ---------------------------------------------------------------------------
@@ -344,25 +312,79 @@ std::int64_t local_offset_at(std::int64_t unix_seconds) {
     return 0;
 }
 
-Moment parse_iso_form(std::string_view since, std::string_view stripped);
+}  // namespace
 
-Moment parse_spec(std::string_view since, const Moment* now) {
-    const std::string_view stripped = strip(since);
-    if (const auto rel = match_relative(stripped)) {
-        if (!rel->too_large && rel->amount == 0) throw_invalid(since);
-        const std::int64_t start = to_micros(now != nullptr ? *now : local_now());
-        std::uint64_t span = 0;
-        if (rel->too_large || __builtin_mul_overflow(rel->amount, rel->unit_micros, &span) || start < 0 ||
-            span > static_cast<std::uint64_t>(start))
-            throw_outside_calendar(since);
-        return from_micros(start - static_cast<std::int64_t>(span));
-    }
-    return parse_iso_form(since, stripped);
+std::string invalid_since_message(std::string_view forms, std::string_view since) {
+    return "since must be " + std::string(forms) + "; got " + python_repr(since);
 }
 
-Moment parse_iso_form(std::string_view since, std::string_view stripped) {
-    const auto iso = stripped.empty() ? std::nullopt : parse_iso(stripped);
-    if (!iso) throw_invalid(since);
+std::string outside_calendar_message(std::string_view since) {
+    return "since " + python_repr(since) + " reaches outside the calendar";
+}
+
+void throw_invalid_since(std::string_view since) {
+    throw TimeSpecError(invalid_since_message(TIME_SPEC_FORMS, since), false);
+}
+
+void throw_outside_calendar(std::string_view since) {
+    // The range failure travels as the nested cause, whether or not one is
+    // being handled already.
+    if (std::current_exception()) std::throw_with_nested(TimeSpecError(outside_calendar_message(since), true));
+    try {
+        throw OutsideCalendar();
+    } catch (const OutsideCalendar&) {
+        std::throw_with_nested(TimeSpecError(outside_calendar_message(since), true));
+    }
+}
+
+bool positive_amount(std::string_view digits) {
+    bool any = false;
+    std::size_t pos = 0;
+    while (pos < digits.size()) {
+        const int value = read_decimal_digit(digits, pos);
+        if (value < 0) return false;
+        any = any || value > 0;
+    }
+    return any;
+}
+
+std::optional<RelativeSpec> match_relative_spec(std::string_view spec) {
+    if (spec.size() < 2) return std::nullopt;
+    const std::string_view unit = spec.substr(spec.size() - 1);
+    bool known = false;
+    for (const SpecUnit& u : SPEC_UNITS) known = known || u.letter == unit;
+    if (!known) return std::nullopt;
+    // The unit is one ASCII byte, so the digits end on a character boundary.
+    const std::string_view digits = spec.substr(0, spec.size() - 1);
+    std::size_t pos = 0;
+    while (pos < digits.size())
+        if (read_decimal_digit(digits, pos) < 0) return std::nullopt;
+    return RelativeSpec{digits, unit};
+}
+
+std::optional<std::uint64_t> unit_micros(std::string_view name) {
+    constexpr std::uint64_t ms = 1000, s = 1'000'000, min = 60 * s, h = 60 * min, d = 24 * h;
+    static constexpr std::pair<std::string_view, std::uint64_t> kUnits[] = {
+        {"weeks", 7 * d}, {"days", d}, {"hours", h}, {"minutes", min}, {"seconds", s}, {"milliseconds", ms},
+        {"microseconds", 1}};
+    for (const auto& [unit, micros] : kUnits)
+        if (unit == name) return micros;
+    return std::nullopt;
+}
+
+Moment subtract_span(const Moment& now, std::string_view digits, std::uint64_t unit) {
+    const Amount amount = read_amount(digits);
+    const std::int64_t start = to_micros(now);
+    std::uint64_t span = 0;
+    if (amount.too_large || __builtin_mul_overflow(amount.value, unit, &span) || start < 0 ||
+        span > static_cast<std::uint64_t>(start))
+        throw OutsideCalendar();
+    return from_micros(start - static_cast<std::int64_t>(span));
+}
+
+Moment parse_iso_since(std::string_view since, std::string_view spec) {
+    const auto iso = spec.empty() ? std::nullopt : parse_iso(spec);
+    if (!iso) throw_invalid_since(since);
     if (!iso->offset) return from_micros(iso->wall_micros);
     // Both ends are inside the calendar and the offset is below a day, so
     // none of this overflows.
@@ -373,8 +395,6 @@ Moment parse_iso_form(std::string_view since, std::string_view stripped) {
     if (!in_calendar(local)) throw_outside_calendar(since);
     return from_micros(local);
 }
-
-}  // namespace
 
 std::string format_moment(const Moment& m) {
     char buf[96];
@@ -401,11 +421,30 @@ Moment local_now() {
     return m;
 }
 
-Moment parse_time_spec(std::string_view since, const Moment& now) { return parse_spec(since, &now); }
+namespace {
+// The library's own steps: its pattern and units, the system clock (read
+// only for a relative form, and then once).
+struct NativeTimeSteps {
+    using Result = Moment;
+    const Moment* now;
+    std::optional<RelativeSpec> match_relative(std::string_view spec) { return match_relative_spec(spec); }
+    Moment relative(const RelativeSpec& rel) {
+        for (const SpecUnit& u : SPEC_UNITS)
+            if (u.letter == rel.unit) return subtract_span(now ? *now : local_now(), rel.digits, *unit_micros(u.name));
+        throw std::invalid_argument("unknown unit of a relative since value");
+    }
+    Moment local(const Moment& m) { return m; }
+};
+}  // namespace
 
-// The clock is read only for a relative form.
-Moment parse_time_spec(std::string_view since) { return parse_spec(since, nullptr); }
+Moment parse_time_spec(std::string_view since, const Moment& now) {
+    NativeTimeSteps steps{&now};
+    return parse_time_spec_with(steps, since);
+}
 
-Moment parse_iso_time_spec(std::string_view since) { return parse_iso_form(since, strip(since)); }
+Moment parse_time_spec(std::string_view since) {
+    NativeTimeSteps steps{nullptr};
+    return parse_time_spec_with(steps, since);
+}
 
 }  // namespace git_utils

@@ -2,7 +2,7 @@
 #include <algorithm>
 #include <iterator>
 
-#include "utils/git_utils.hpp"
+#include "src/core/text.hpp"
 
 namespace git_utils {
 namespace {

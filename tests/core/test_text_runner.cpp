@@ -12,6 +12,9 @@
 #include <thread>
 
 #include "src/core/process.hpp"
+#include "src/core/queries.hpp"
+#include "src/core/run.hpp"
+#include "src/core/text.hpp"
 #include "utils/git_utils.hpp"
 
 using namespace git_utils;
@@ -60,18 +63,18 @@ TEST(Text, PythonRepr) {
 
 TEST(Runner, CapturesBothStreamsAndTheExitCode) {
     auto r = run_git_command(".", {"-c", "alias.x=!printf 'out\\r\\n'; printf err >&2; exit 3", "x"});
-    EXPECT_EQ(r, (GitResult{"out\n", "err", 3}));
+    EXPECT_EQ(r, (GitResult{"out\n", "err", 3, "", RunStatus::Exited}));
 }
 
 TEST(Runner, MissingDirectoryIsNotFound) {
-    EXPECT_EQ(run_git_command("/no/such/dir", {"status"}), (GitResult{"", "git not found", 1}));
+    EXPECT_EQ(run_git_command("/no/such/dir", {"status"}), not_found_result());
 }
 
 TEST(Runner, FileAsDirectoryThrowsWithTheDirectoryName) {
     try {
         run_git_command("/etc/hostname", {"status"});
         FAIL();
-    } catch (const SpawnError& e) {
+    } catch (const OsError& e) {
         EXPECT_EQ(e.code().value(), ENOTDIR);
         EXPECT_EQ(e.filename(), "/etc/hostname");
     }
@@ -80,7 +83,7 @@ TEST(Runner, FileAsDirectoryThrowsWithTheDirectoryName) {
 TEST(Runner, DeadlineHoldsWhenAGrandchildKeepsThePipesOpen) {
     auto start = std::chrono::steady_clock::now();
     auto r = run_git_command(".", {"-c", "alias.x=!sleep 5 & sleep 5", "x"}, 0.3);
-    EXPECT_EQ(r, (GitResult{"", "Command timed out", 1}));
+    EXPECT_EQ(r, timed_out_result());
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
 }
 
@@ -135,8 +138,10 @@ TEST(Runner, TerminalStdinMakesIsattyTrue) {
 }
 
 TEST(Runner, CheckedOutputRaisesWithGitsMessage) {
-    EXPECT_EQ(git_error_message("  fatal: x\n", 128), "fatal: x");
-    EXPECT_EQ(git_error_message(" \n", -9), "git exited with code -9");
+    EXPECT_EQ(git_error_message(GitResult{"", "  fatal: x\n", 128, "", RunStatus::Exited}), "fatal: x");
+    EXPECT_EQ(git_error_message(GitResult{"", " \n", -9, "", RunStatus::Exited}), "git exited with code -9");
+    EXPECT_EQ(git_error_message(GitResult{"", "", 1, "1180591620717411303424", RunStatus::Exited}),
+              "git exited with code 1180591620717411303424");
     EXPECT_THROW(git_output(".", {"rev-parse", "--verify", "no-such-ref-xyz"}), GitError);
 }
 

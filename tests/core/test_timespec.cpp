@@ -1,5 +1,6 @@
 // Period starts: relative spans counted back from a fixed `now`, ISO dates and
 // date-times (zoned ones under several TZ settings), and the two errors.
+#include "src/core/timespec.hpp"
 #include "utils/git_utils.hpp"
 
 #include <gtest/gtest.h>

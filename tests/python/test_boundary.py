@@ -3,10 +3,11 @@ a value of the wrong kind or of absurd size, gives the error a Python caller
 expects or the documented answer, never a crash or a hang. Also the host's own
 code running in the middle of a call, which must not free what is being read."""
 
-import errno
 import faulthandler
+import gc
 import inspect
 import math
+import re
 import types
 import typing
 from datetime import datetime
@@ -14,128 +15,39 @@ from datetime import datetime
 import pytest
 
 from conftest import git
+from test_module import LOAD_ORDER
 from vantrel_sorlith.utils import git_utils as g
 
 HUGE = "m" * 10_000_000            # one 10 MB text
 LONG_PATH = ("d" * 199 + "/") * 500  # a relative path of 100,000 characters
 
 VALUES = {
-    "None": None,
-    "bytes": b"main",
-    "int": 7,
-    "nan": math.nan,
-    "-inf": -math.inf,
-    "inf": math.inf,
-    "list": ["main"],
-    "str": "main",
+    "None": None, "bytes": b"main", "int": 7, "nan": math.nan, "list": ["main"], "str": "main",
     "NUL": "ma\0in",
     "lone surrogate": "ma\ud800in",      # no encoding for the system
     "escaped byte": "ma\udcffin",        # the byte 0xff, as os.fsencode writes it
-    "10 MB": HUGE,
-    "100,000-char path": LONG_PATH,
+    "10 MB": HUGE, "100,000-char path": LONG_PATH,
 }
-TEXTS = ["str", "NUL", "lone surrogate", "escaped byte", "10 MB", "100,000-char path"]
-
-
-class OSErrorWith:
-    def __init__(self, number):
-        self.errno = number
-
-    def __repr__(self):
-        return errno.errorcode[self.errno]
-
-
-TOO_LONG, TOO_BIG = OSErrorWith(errno.ENAMETOOLONG), OSErrorWith(errno.E2BIG)
-OK = "answers"          # returns a value of the declared return type
-REFUSED = "git refused"  # git failed: the lenient answer, GitError, or a non-zero triple
-
-# What each kind of parameter makes of each value; unlisted values give the role's default.
-ROLES = {
-    # str(repo_root) is git's working directory: a name that is no directory is
-    # a missing git; one the system cannot take is the system's error.
-    "directory": {"default": REFUSED, "NUL": ValueError, "lone surrogate": UnicodeEncodeError, "10 MB": TOO_LONG,
-                  "100,000-char path": TOO_LONG},
-    # Text that becomes one git argument.
-    "revision": {"default": TypeError, "NUL": ValueError, "lone surrogate": UnicodeEncodeError,
-                 "escaped byte": REFUSED, "10 MB": TOO_BIG, "100,000-char path": REFUSED},
-    # Text the operation reads itself.
-    "parsed": {"default": TypeError, **{t: OK for t in TEXTS}},
-    "period": {"default": TypeError, **{t: ValueError for t in TEXTS}},
-    "plain": {"default": TypeError, **{t: OK for t in TEXTS}},
-    # A moment is written with its strftime.
-    "moment": {"default": AttributeError},
-    # A directory to walk up from: a name the system cannot represent is
-    # absent, a name too long for it is its error.
-    "lookup": {"default": TypeError, "bytes": OK, **{t: OK for t in TEXTS}, "10 MB": TOO_LONG,
-               "100,000-char path": TOO_LONG},
-    # Written into --max-count=, where git reads what it can.
-    "count": {"default": OK, "NUL": ValueError, "lone surrogate": UnicodeEncodeError, "10 MB": TOO_BIG},
-    "flag": {"default": OK},
-    "seconds": {"default": TypeError, "None": OK, "int": OK, "inf": OK, "nan": ValueError,
-                "-inf": ("", "Command timed out", 1)},
-    # A list of git arguments (never a str), and what each element may be:
-    # bytes are taken as subprocess takes them.
-    "argv": {"default": TypeError, "list": REFUSED},
-    "argv item": {"default": TypeError, "bytes": REFUSED, "str": REFUSED, "NUL": ValueError,
-                  "lone surrogate": UnicodeEncodeError, "escaped byte": REFUSED, "10 MB": TOO_BIG,
-                  "100,000-char path": REFUSED},
-    # Paths to limit a diff to: a str is a sequence of one-character paths,
-    # and no paths (None) mean no limit.
-    "paths": {"default": TypeError, "None": OK, "list": OK, "str": OK, "NUL": ValueError,
-              "lone surrogate": UnicodeEncodeError, "escaped byte": OK, "100,000-char path": REFUSED},
-    "paths item": {"default": TypeError, "bytes": OK, "str": OK, "NUL": ValueError,
-                   "lone surrogate": UnicodeEncodeError, "escaped byte": OK, "10 MB": TOO_BIG,
-                   "100,000-char path": OK},
-}
-
-ROLE_OF = {"repo_root": "directory", "base": "revision", "head": "revision", "ref": "revision",
-           "branch": "revision", "name": "revision", "diff_filter": "revision", "output": "parsed",
-           "patch": "parsed", "start": "lookup", "max_commits": "count", "short": "flag", "merge_base": "flag",
-           "timeout": "seconds", "args": "argv", "paths": "paths", "moment": "moment"}
-
-VALID = {"base": "main~1", "head": "main", "ref": "main", "branch": "main", "name": "main", "diff_filter": "MR",
-         "output": "", "patch": "", "max_commits": 5, "short": True, "merge_base": True, "timeout": 30,
-         "args": ["rev-parse", "HEAD"], "paths": ("a.txt",), "moment": datetime(2030, 1, 1)}
-
-LENIENT = {"resolve_display_branch": None, "checked_out_branch": None, "get_head_commit": None,
-           "get_default_branch": "main", "branch_exists": False, "get_authors_for_period": [],
-           "resolve_commit": None}
-RUNS_GIT = {"run_git_command", *LENIENT, "count_commits", "commit_before", "diff_file_changes", "log_commit_changes",
-            "diff_line_spans"}
-
+VALID = {"repo_root": None, "base": "main~1", "head": "main", "ref": "main", "branch": "main", "name": "main",
+         "diff_filter": "MR", "output": "", "patch": "", "max_commits": 5, "short": True, "merge_base": True,
+         "timeout": 30, "args": ["rev-parse", "HEAD"], "paths": ("a.txt",), "moment": datetime(2030, 1, 1),
+         "start": None}
+# What a caller may meet for a bad value: the errors Python itself gives for
+# such values, the system's own, or git's refusal; never a crash, a hang or a
+# SystemError.
+EXPECTED_ERRORS = (TypeError, ValueError, OSError, g.GitError)
 OPERATIONS = {name: f for name, f in vars(g).items()
               if not name.startswith("_") and inspect.isroutine(f) and getattr(f, "__module__", "") == g.__name__}
 
 
-def role(param):
-    if param.name == "since":
-        return "moment" if param.annotation is datetime else "period"
-    if param.name == "name" and param.annotation == str | None:
-        return "plain"  # normalize_branch_name runs no git
-    return ROLE_OF[param.name]
-
-
 def cases():
     for name, f in OPERATIONS.items():
-        yield pytest.param(name, None, None, OK, id=f"{name}-valid")
         for p in inspect.signature(f).parameters.values():
-            r = role(p)
-            table = ROLES[r]
-            optional = type(None) in typing.get_args(p.annotation)
             for kind, value in VALUES.items():
-                if kind == "str" and p.annotation in (str, str | None):
-                    continue  # the right type
-                if r == "parsed" and kind in ("None", "bytes", "int"):
-                    continue  # test_parsers covers these
-                if r in ("argv", "paths") and kind == "10 MB":
-                    continue  # ten million one-character items; see the items below
-                expected = OK if kind == "None" and optional else table.get(kind, table["default"])
-                yield pytest.param(name, p.name, value, expected, id=f"{name}-{p.name}-{kind}")
-            if r in ("argv", "paths"):
-                items = ROLES[r + " item"]
+                yield pytest.param(name, p.name, value, id=f"{name}-{p.name}-{kind}")
+            if p.name in ("args", "paths"):
                 for kind, value in VALUES.items():
-                    yield pytest.param(name, p.name, [value], items.get(kind, items["default"]),
-                                       id=f"{name}-{p.name}[]-{kind}")
+                    yield pytest.param(name, p.name, [value], id=f"{name}-{p.name}[]-{kind}")
 
 
 def conforms(value, annotation):
@@ -155,47 +67,35 @@ def watchdog(monkeypatch, tmp_path):
     faulthandler.cancel_dump_traceback_later()
 
 
-@pytest.mark.parametrize("name, param, value, expected", list(cases()))
-def test_bad_value(repo, name, param, value, expected):
+@pytest.mark.parametrize("name, param, value", list(cases()))
+def test_bad_value(repo, name, param, value):
     f = OPERATIONS[name]
-    sig = inspect.signature(f)
-    kwargs = {}
-    for p in sig.parameters.values():
-        if p.name == "repo_root":
-            kwargs[p.name] = repo
-        elif p.name == "since":
-            kwargs[p.name] = datetime(2000, 1, 1) if p.annotation is datetime else "3650d"
-        elif p.name == "start":
-            kwargs[p.name] = repo
-        else:
-            kwargs[p.name] = VALID[p.name]
-    if param is not None:
-        kwargs[param] = value
-    call = lambda: f(**kwargs)
-    if name == "checked_out_branch" and isinstance(expected, (type, OSErrorWith)):
-        expected = None  # the host's best_effort turns every error into its fallback
+    kwargs = {p.name: (datetime(2000, 1, 1) if p.annotation is datetime else "3650d") if p.name == "since"
+              else VALID[p.name] if VALID.get(p.name) is not None else repo
+              for p in inspect.signature(f).parameters.values() if p.default is inspect.Parameter.empty}
+    kwargs[param] = value
+    try:
+        result = f(**kwargs)
+    except EXPECTED_ERRORS as e:
+        # A NUL cannot reach git or the system: refused before anything runs
+        # (a str where a list belongs is refused for its type first).
+        text = value[0] if isinstance(value, list) and value else None if param in ("args", "paths") else value
+        to_git = param in ("repo_root", "base", "head", "ref", "branch", "diff_filter", "args", "paths") or (
+            param == "name" and name == "resolve_commit")
+        if to_git and isinstance(text, str) and "\0" in text:
+            assert isinstance(e, ValueError), e
+        return
+    assert conforms(result, inspect.signature(f).return_annotation), result
 
-    if isinstance(expected, type):
-        with pytest.raises(expected):
+
+@pytest.mark.parametrize("timeout, expected", [
+    (math.nan, ValueError), (-math.inf, ("", "Command timed out", 1)), (-1, ("", "Command timed out", 1)),
+    (math.inf, ("true\n", "", 0)), (None, ("true\n", "", 0)), (10**30, ("true\n", "", 0))])
+def test_time_limits_of_every_kind(repo, timeout, expected):
+    call = lambda: g.run_git_command(repo, ["rev-parse", "--is-inside-work-tree"], timeout)  # noqa: E731
+    if expected is ValueError:
+        with pytest.raises(ValueError):
             call()
-    elif isinstance(expected, OSErrorWith):
-        with pytest.raises(OSError) as info:
-            call()
-        assert info.value.errno == expected.errno
-    elif expected == REFUSED:
-        assert name in RUNS_GIT
-        if name == "run_git_command":
-            assert call()[2] != 0
-        elif name in LENIENT:
-            assert call() == LENIENT[name]
-        else:
-            with pytest.raises(g.GitError):
-                call()
-    elif expected == OK:
-        result = call()
-        assert conforms(result, sig.return_annotation)
-        if param is None and name in LENIENT and name != "get_default_branch":
-            assert result != LENIENT[name]  # the valid call answers for real
     else:
         assert call() == expected
 
@@ -203,15 +103,304 @@ def test_bad_value(repo, name, param, value, expected):
 # --- the host's code in the middle of a call -------------------------------------------------------
 
 HEAD_RAW = ":100644 100644 1a2b3c4 5d6e7f8 "
+RAW = "\0".join([HEAD_RAW + "M", "a" * 40, "2\t1\t" + "a" * 40, HEAD_RAW + "R90", "o" * 30, "n" * 30, "1\t0\t",
+                  "o" * 30, "n" * 30, ""])
+LOG = "\x1e1700000000\0\n" + RAW + "\x1e1700000001\0\n" + RAW
+PATCH = '+++ "q\\tr \\303\\251"\t\n@@ -1,2 +3 @@\n-x\n-y\n+z\n+++ b\n@@ -0,0 +1,2 @@\n+1\n+2\n'
 
 
 def churn():
     """Allocate blocks of the sizes just freed, so that a stale read sees other bytes."""
-    return [("Z" * 2000 + str(i))[:2000] for i in range(2000)]
+    junk = [("Z" * 2000 + str(i))[:2000] for i in range(2000)]
+    gc.collect()
+    return junk
 
 
 def fresh(text):
     return (text + "!")[:-1]  # a str object of its own, not a shared constant
+
+
+class Rebinding:
+    """Stands in for a module name: each use rebinds the name to a fresh
+    stand-in (and churns memory) before doing what the original does, so a
+    call that held the name borrowed reads freed memory."""
+
+    def __init__(self, name, original):
+        self.name, self.original = name, original
+
+    def _use(self):
+        setattr(g, self.name, stand_in(self.name, self.original))
+        churn()
+        return self.original
+
+    def __call__(self, *args, **kwargs):
+        return self._use()(*args, **kwargs)
+
+    def __getattr__(self, attr):  # methods of patterns, the logger, subprocess, datetime
+        return getattr(self._use(), attr)
+
+    def __contains__(self, item):
+        return item in self._use()
+
+    def __getitem__(self, key):
+        return self._use()[key]
+
+    def __iter__(self):
+        return iter(self._use())
+
+    def __len__(self):
+        return len(self._use())
+
+    def __bool__(self):
+        return bool(self._use())
+
+    def get(self, *args):
+        return self._use().get(*args)
+
+
+def _authors(repo):
+    return g.get_authors_for_period(repo, "3650d")
+
+
+def _since(value):
+    moment = g.parse_time_spec(value)
+    return moment.replace(second=0, microsecond=0)  # two readings of the clock
+
+
+def _error(call):
+    try:
+        return call()
+    except Exception as e:  # noqa: BLE001 - the kind and message are the answer
+        return type(e).__name__, str(e)
+
+
+# Each name the host may replace, and a call that uses it.
+USES = {
+    "run_git_command": lambda repo: g.get_head_commit(repo),
+    "_git_output": lambda repo: g.diff_file_changes(repo, "main~1", "main"),
+    "get_subprocess_hidden_kwargs": lambda repo: g.run_git_command(repo, ["rev-parse", "HEAD"]),
+    "subprocess": lambda repo: g.run_git_command(repo, ["rev-parse", "HEAD"]),
+    "logger": lambda repo: g.run_git_command(repo, ["rev-parse", "--verify", "nowhere"]),
+    "GitError": lambda repo: _error(lambda: g._git_output(repo, ["rev-parse", "--verify", "nowhere"])),
+    "parse_file_changes": lambda repo: g.diff_file_changes(repo, "main~1", "main"),
+    "parse_commit_changes": lambda repo: g.log_commit_changes(repo, since=datetime(2000, 1, 1), ref=None, max_commits=5),
+    "parse_line_spans": lambda repo: g.diff_line_spans(repo, "main~1", "main", merge_base=False, diff_filter="AM"),
+    "_path_batches": lambda repo: g.diff_line_spans(repo, "main~1", "main", merge_base=False, paths=["a.txt", "b.txt"]),
+    "_PATCH_OPTIONS": lambda repo: g.diff_line_spans(repo, "main~1", "main", merge_base=False, diff_filter="AM"),
+    "_MAX_PATHSPEC_CHARS": lambda repo: g._path_batches(["a" * 10] * 5),
+    "parse_time_spec": _authors,
+    "_file_changes": lambda repo: g.parse_file_changes(RAW),
+    "_line_count": lambda repo: g.parse_file_changes(RAW),
+    "_TWO_PATH_LETTERS": lambda repo: g.parse_file_changes(RAW),
+    "_STATUS_BY_LETTER": lambda repo: g._file_changes(RAW.split("\0")),
+    "FileChange": lambda repo: g.parse_commit_changes(LOG),
+    "CommitChanges": lambda repo: g.parse_commit_changes(LOG),
+    "_COMMIT_START": lambda repo: g.parse_commit_changes(LOG),
+    "LineSpan": lambda repo: g.parse_line_spans(PATCH),
+    "_span": lambda repo: g.parse_line_spans(PATCH),
+    "_patch_path": lambda repo: g.parse_line_spans(PATCH),
+    "_unquote": lambda repo: g.parse_line_spans(PATCH),
+    "_C_ESCAPE": lambda repo: g._unquote("a\\tb\\303\\251"),
+    "_C_ESCAPES": lambda repo: g._unquote("a\\tb\\303\\251"),
+    "_HUNK_HEADER": lambda repo: g.parse_line_spans(PATCH),
+    "_RELATIVE_SPEC": lambda repo: _since("7d"),
+    "_SPEC_UNITS": lambda repo: _since("7d"),
+    "datetime": lambda repo: _since("7d"),
+    "timedelta": lambda repo: _since("7d"),
+    "TIME_SPEC_FORMS": lambda repo: _error(lambda: g.parse_time_spec("0d")),
+    "find_git_root": lambda repo: g.find_repo_root(),
+    "Path": lambda repo: g.find_git_root(repo),
+}
+
+
+def test_every_name_the_library_reads_is_in_the_table():
+    # Read at load only, or never by the library itself: the imports it keeps
+    # as attributes, the wrapper it binds, and the operations no other calls.
+    unread = {"logging", "re", "Sequence", "dataclass", "Any", "best_effort", "checked_out_branch",
+              "resolve_display_branch", "normalize_branch_name", "find_repo_root", "get_head_commit",
+              "get_default_branch", "branch_exists", "get_authors_for_period", "resolve_commit", "count_commits",
+              "commit_before", "diff_file_changes", "log_commit_changes", "diff_line_spans"}
+    assert sorted(USES) == sorted(set(LOAD_ORDER) - unread)
+
+
+def stand_in(name, original):
+    """A stand-in for `name` of the original's own kind where the library
+    reads it as a value (a text, a number, the error class)."""
+    def rebind():
+        setattr(g, name, stand_in(name, original))
+        churn()
+
+    if isinstance(original, (str, int)):
+        class Value(type(original)):
+            def __str__(self):
+                rebind()
+                return type(original).__str__(self)
+
+            def __index__(self):
+                rebind()
+                return int(self)
+        return Value(original)
+    if isinstance(original, type) and issubclass(original, Exception):
+        class GitError(original):
+            def __init__(self, *args):
+                rebind()
+                super().__init__(*args)
+        return GitError
+    return Rebinding(name, original)
+
+
+@pytest.mark.parametrize("name", USES)
+def test_a_name_rebound_by_its_own_use(repo, module_state, monkeypatch, name):
+    monkeypatch.chdir(repo)
+    use = USES[name]
+    expected = use(repo)
+    setattr(g, name, stand_in(name, getattr(g, name)))
+    assert use(repo) == expected
+    assert use(repo) == expected  # and again with the stand-in it left behind
+
+
+# What the host's own code can do wrong, and what the caller then sees.
+class Raiser:
+    """A subprocess without TimeoutExpired whose run raises."""
+
+    @staticmethod
+    def run(*args, **kwargs):
+        raise RuntimeError("host run failed")
+
+
+def _gc_left_as_the_host_left_it(repo):
+    def disabling(*fields):
+        gc.disable()
+        return g.FileChange.__wrapped__(*fields) if hasattr(g.FileChange, "__wrapped__") else OWN_FILE_CHANGE(*fields)
+
+    g.FileChange = disabling
+    gc.enable()
+    g.parse_file_changes(RAW)
+    return gc.isenabled()
+
+
+def _no_list_with_holes(repo):
+    def scanning(*fields):
+        for o in gc.get_objects():
+            if type(o) is list:
+                for item in o:  # an empty slot would crash here
+                    pass
+        return OWN_FILE_CHANGE(*fields)
+
+    g.FileChange = scanning
+    return len(g.parse_file_changes(RAW))
+
+
+HOST_FAULTS = {
+    "subprocess.run raises, no TimeoutExpired": (
+        lambda repo: (setattr(g, "subprocess", Raiser), _error(lambda: g.run_git_command(repo, ["status"])))[1],
+        ("RuntimeError", "host run failed")),
+    "exit code beyond 64 bits": (
+        lambda repo: (setattr(g, "run_git_command", lambda r, a: ("", "", 2**70)),
+                      _error(lambda: g._git_output(repo, ["x"])))[1],
+        ("GitError", f"git exited with code {2**70}")),
+    "count beyond 64 bits": (
+        lambda repo: (setattr(g, "run_git_command", lambda r, a: ("9" * 30 + "\n", "", 0)),
+                      g.count_commits(repo, "a", "b"))[1],
+        10**30 - 1),
+    "exit code not an int": (
+        lambda repo: (setattr(g, "run_git_command", lambda r, a: ("", "", "0")), _error(lambda: g.get_head_commit(repo)))[1][0],
+        "TypeError"),
+    "triple of two": (
+        lambda repo: (setattr(g, "run_git_command", lambda r, a: ("", "")), _error(lambda: g.branch_exists(repo, "x")))[1][0],
+        "TypeError"),
+    "collector switched off by the host": (_gc_left_as_the_host_left_it, False),
+    "no list with empty slots": (_no_list_with_holes, 2),
+    "env items that are no pairs": (
+        lambda repo: (setattr(g, "get_subprocess_hidden_kwargs", lambda: {"env": BadEnv()}),
+                      _error(lambda: g.run_git_command(repo, ["status"])))[1][0],
+        "TypeError"),
+    "non-str option name": (
+        lambda repo: (setattr(g, "get_subprocess_hidden_kwargs", lambda: {1: 2}),
+                      _error(lambda: g.run_git_command(repo, ["status"])))[1][0],
+        "TypeError"),
+    "_git_output returns bytes": (
+        lambda repo: (setattr(g, "_git_output", lambda r, a: b""), _error(lambda: g.diff_file_changes(repo, "a", "b")))[1],
+        ("TypeError", "_git_output must return str, not bytes")),
+    "_MAX_PATHSPEC_CHARS a float": (
+        lambda repo: (setattr(g, "_MAX_PATHSPEC_CHARS", 10.5), _error(lambda: g._path_batches(["a"])))[1][0],
+        "TypeError"),
+}
+OWN_FILE_CHANGE = g.FileChange
+
+
+class BadEnv(dict):
+    def items(self):
+        return [("PATH",), 3]
+
+
+@pytest.mark.parametrize("fault", HOST_FAULTS)
+def test_host_faults_reach_the_caller_as_errors_of_their_own(repo, module_state, fault):
+    call, expected = HOST_FAULTS[fault]
+    try:
+        assert call(repo) == expected
+    finally:
+        gc.enable()
+
+
+# A str where a list is expected, and values of the wrong type, are refused
+# with the function and the parameter named.
+MISUSE = [
+    (lambda r: g.diff_line_spans(r, "a", "b", merge_base=True, paths="src/app.py"), "diff_line_spans() argument 'paths'"),
+    (lambda r: g.run_git_command(r, "status"), "run_git_command() argument 'args'"),
+    (lambda r: g._git_output(r, b"status"), "_git_output() argument 'args'"),
+    (lambda r: g.log_commit_changes(r, since="7d", ref=None, max_commits=5), "log_commit_changes() argument 'since'"),
+    (lambda r: g.log_commit_changes(r, since=datetime(2020, 1, 1), ref=None, max_commits="5"),
+     "log_commit_changes() argument 'max_commits'"),
+    (lambda r: g.commit_before(r, "main", "2020-01-01"), "commit_before() argument 'moment'"),
+    (lambda r: g.run_git_command(r, ["status"], timeout="30"), "run_git_command() argument 'timeout'"),
+    (lambda r: g.get_authors_for_period(r, 7), "get_authors_for_period() argument 'since'"),
+    (lambda r: g._file_changes("a\0b"), "_file_changes() argument 'tokens'"),
+]
+
+
+@pytest.mark.parametrize("call, named", MISUSE, ids=[m[1] for m in MISUSE])
+def test_misuse_names_function_and_parameter(repo, call, named):
+    with pytest.raises(TypeError, match=re.escape(named)):
+        call(repo)
+
+
+def test_function_attributes_stay_sound():
+    f = g.run_git_command
+    with pytest.raises(TypeError):
+        del f.__qualname__
+    with pytest.raises(TypeError):
+        f.__name__ = 5
+    doc = f.__doc__
+    f.__qualname__ = "renamed"
+    try:
+        with pytest.raises(TypeError, match=r"^renamed\(\) missing 2 required positional arguments"):
+            f()
+        del f.__doc__
+        assert f.__doc__ is None
+    finally:
+        f.__qualname__, f.__doc__ = "run_git_command", doc
+
+
+@pytest.mark.parametrize("call", [lambda: g.parse_line_spans(PATCH), lambda: g.parse_commit_changes(LOG),
+                                  lambda: g._file_changes(RAW.split("\0")), lambda: g._unquote("a\\303\\251\\tb")])
+def test_each_allocation_failing_in_turn_is_a_memory_error(call):
+    # One allocation fails at a time, the first, the second, ...: every way
+    # out of the call on a failed allocation is taken once.
+    _testcapi = pytest.importorskip("_testcapi")
+    expected = call()
+    for n in range(400):
+        _testcapi.set_nomemory(n, n + 1)
+        try:
+            got = call()
+        except MemoryError:
+            continue
+        finally:
+            _testcapi.remove_mem_hooks()
+        assert got == expected
+        break
+    else:
+        pytest.fail("every run failed")
 
 
 def test_fspath_that_empties_the_argument_list(repo):
@@ -239,35 +428,6 @@ def test_len_that_empties_the_paths():
     items = [Path_("a" * 1000)] + [fresh("b" * 1000) for _ in range(5)]
     paths = list(items)
     assert g._path_batches(paths) == [items]
-
-
-def test_status_table_that_empties_the_tokens(module_state):
-    class Table(dict):
-        def get(self, key, default=None):
-            tokens.clear()
-            junk.append(churn())
-            return dict.get(self, key, default)
-
-    junk = []
-    originals = [HEAD_RAW + "M", "pa" * 1000, HEAD_RAW + "R100", "old" * 700, "new" * 700, HEAD_RAW + "D", "q" * 3000]
-    expected = g._file_changes(originals)
-    tokens = [fresh(t) for t in originals]
-    module_state._STATUS_BY_LETTER = Table(g._STATUS_BY_LETTER)
-    assert g._file_changes(tokens) == expected
-
-
-def test_replaced_runner_whose_exit_code_empties_its_triple(module_state):
-    class Code(int):
-        def __ne__(self, other):
-            triple.clear()
-            churn()
-            return int(self) != other
-
-    triple = [fresh(""), fresh("fatal: " + "x" * 3000 + "\n"), Code(128)]
-    module_state.run_git_command = lambda root, args: triple
-    with pytest.raises(g.GitError) as info:
-        g._git_output("/r", ["x"])
-    assert str(info.value) == "fatal: " + "x" * 3000
 
 
 def test_datetime_subclass_is_written_from_its_own_fields(repo):

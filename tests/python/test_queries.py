@@ -226,18 +226,12 @@ def test_later_batch_replaces_a_paths_spans_in_place(module_state):
     assert list(spans.items()) == [("x", [g.LineSpan(5, 6, False)]), ("y", [g.LineSpan(1, 1, True)])]
 
 
-def test_failure_in_second_batch_raises_and_stops(module_state, world):
-    real, calls = g.run_git_command, []
-
-    def flaky(root, args):
-        calls.append(args)
-        return ("", "fatal: second batch failed\n", 128) if len(calls) == 2 else real(root, args)
-
-    module_state.run_git_command = flaky
+def test_failure_in_second_batch_raises_and_stops(module_state):
     module_state._MAX_PATHSPEC_CHARS = 1
+    rec = install(module_state, [OK, ("", "fatal: second batch failed\n", 128), OK])
     with pytest.raises(g.GitError, match="^fatal: second batch failed$"):
-        g.diff_line_spans(world.hist, "main", "feature", merge_base=True, paths=NAMES[:3])
-    assert len(calls) == 2
+        g.diff_line_spans(ROOT, "main", "feature", merge_base=True, paths=["a", "b", "c"])
+    assert len(rec.calls) == 2
 
 
 # --- Queries against real git ---
@@ -438,7 +432,7 @@ def test_checked_out_branch(world, where, expected):
     assert g.resolve_display_branch(root) == g.checked_out_branch(root) == expected
 
 
-# --- Period starts ---
+# --- Period starts (the core's own tables cover the forms and the calendar) ---
 
 @pytest.fixture(params=["Asia/Kolkata", "America/St_Johns"])
 def zone(request, monkeypatch):
@@ -449,10 +443,8 @@ def zone(request, monkeypatch):
     time.tzset()
 
 
-@pytest.mark.parametrize("since, span", [
-    ("7d", timedelta(days=7)), (" 7d\n", timedelta(days=7)), ("007d", timedelta(days=7)),
-    ("\u0667d", timedelta(days=7)), ("30m", timedelta(minutes=30)), ("24h", timedelta(hours=24)),
-    ("2w", timedelta(weeks=2))])
+@pytest.mark.parametrize("since, span", [(" 7d\n", timedelta(days=7)), ("\u0667d", timedelta(days=7)),
+                                         ("30m", timedelta(minutes=30)), ("2w", timedelta(weeks=2))])
 def test_relative_forms(zone, since, span):
     before = datetime.now()
     result = g.parse_time_spec(since)
@@ -461,37 +453,24 @@ def test_relative_forms(zone, since, span):
     assert before - span <= result <= after - span
 
 
-def local(iso):
-    return datetime.fromisoformat(iso).astimezone().replace(tzinfo=None)
+def test_iso_forms_are_local_wall_clock_times(zone):
+    assert g.parse_time_spec("2026-09-01 10:30:15.1234567") == datetime(2026, 9, 1, 10, 30, 15, 123456)
+    utc = datetime.fromisoformat("2026-09-01T10:30:15+00:00")
+    assert g.parse_time_spec("2026-09-01T10:30:15Z") == utc.astimezone().replace(tzinfo=None)
 
 
-@pytest.mark.parametrize("since, expected", [
-    ("2026-09-01", datetime(2026, 9, 1)), ("20260901", datetime(2026, 9, 1)),
-    ("2026-09-01 10:30:15.1234567", datetime(2026, 9, 1, 10, 30, 15, 123456)),
-    ("2026-W01-3", datetime(2025, 12, 31)), ("20260901T1030", datetime(2026, 9, 1, 10, 30)),
-    ("2026-09-01T10:30:15Z", "2026-09-01T10:30:15+00:00"), ("2026-09-01T10:30:15+02:30", "2026-09-01T10:30:15+02:30"),
-    ("2026-01-15T23:59:59-05:00", "2026-01-15T23:59:59-05:00"), ("2026-09-01T10:30:15,5-0130", "2026-09-01T10:30:15.500000-01:30"),
-    ("2026-09-01T10:30:15Z", {"Asia/Kolkata": datetime(2026, 9, 1, 16, 0, 15),
-                              "America/St_Johns": datetime(2026, 9, 1, 8, 0, 15)})])
-def test_iso_forms(zone, since, expected):
-    result = g.parse_time_spec(since)
-    assert type(result) is datetime and result.tzinfo is None
-    expected = local(expected) if isinstance(expected, str) else expected
-    assert result == (expected[zone] if isinstance(expected, dict) else expected)
-
-
-@pytest.mark.parametrize("since, quoted", [
-    ("0d", "'0d'"), ("000h", "'000h'"), (" 0d ", "' 0d '"), ("", "''"), ("   ", "'   '"), ("7D", "'7D'"),
-    ("7 d", "'7 d'"), ("+7d", "'+7d'"), ("-7d", "'-7d'"), ("1.5h", "'1.5h'"), ("7dd", "'7dd'"), ("7", "'7'"),
-    ("2026-02-30", "'2026-02-30'"), ("2026-09", "'2026-09'"), ("2026-09-01Z", "'2026-09-01Z'"),
-    ("2026-09-01T10:00z", "'2026-09-01T10:00z'"), ("it's", '"it\'s"'), ("x\ty", "'x\\ty'"),
-    ("a'b\"c", "'a\\'b\"c'"), ("\u200b7d\xa0", "'\\u200b7d\\xa0'"), ("back\\slash", "'back\\\\slash'"),
-    *((since, None) for since in ["800000w", "1000000000d", "9" * 30 + "m", "0001-01-01T00:00:00+01:00",
-                                "9999-12-31T23:59:59-01:00"])])
-def test_invalid_values(zone, since, quoted):
+# The messages quote what was passed as Python's repr() does.
+@pytest.mark.parametrize("since", ["0d", " 0d ", "", "it's", "x\ty", "a'b\"c", "\u200b7d\xa0", "back\\slash",
+                                   "\udcff7d", "2026-02-30", "2026-09-01Z"])
+def test_invalid_values(since):
     with pytest.raises(ValueError) as info:
         g.parse_time_spec(since)
-    if quoted is None:  # the calendar error, with the range failure as its cause
-        assert str(info.value) == f"since {since!r} reaches outside the calendar" and info.value.__cause__ is not None
-    else:
-        assert str(info.value) == "since must be " + g.TIME_SPEC_FORMS + "; got " + quoted
+    assert str(info.value) == f"since must be {g.TIME_SPEC_FORMS}; got {since!r}"
+
+
+@pytest.mark.parametrize("since", ["800000w", "9" * 30 + "m", "0001-01-01T00:00:00+01:00"])
+def test_outside_the_calendar(since):
+    with pytest.raises(ValueError) as info:
+        g.parse_time_spec(since)
+    assert str(info.value) == f"since {since!r} reaches outside the calendar"
+    assert isinstance(info.value.__cause__, OverflowError)

@@ -8,6 +8,7 @@ import gc
 import json
 import logging
 import os
+import random
 import statistics
 import subprocess
 import sys
@@ -27,90 +28,48 @@ def children():
     return found
 
 
-def test_sixteen_threads_mixing_operations(repo, tmp_path):
-    patch = "+++ a\n@@ -1,2 +1,3 @@\n-x\n-y\n+p\n+q\n+r\n" * 200
-    log = "\x1e1700000000\0\n:100644 100644 a b M\0x.c\0" + "1\t2\tx.c\0"
-    calls = [
-        lambda: g.get_head_commit(repo),
-        lambda: g.resolve_commit(repo, "main"),
-        lambda: g.branch_exists(repo, "main"),
-        lambda: g.get_default_branch(repo),
-        lambda: g.diff_file_changes(repo, "main~1", "main"),
-        lambda: g.log_commit_changes(repo, since=datetime.datetime(2000, 1, 1), ref=None, max_commits=5),
-        lambda: g.diff_line_spans(repo, "main~1", "main", merge_base=False, diff_filter="AM"),
-        lambda: g.get_authors_for_period(repo, "2000-01-01"),
-        lambda: g.run_git_command(repo, ["-c", "alias.nap=!sleep 0.05; echo ok", "nap"]),
-        lambda: g.run_git_command(tmp_path / "absent", ["status"]),
-        lambda: g.parse_line_spans(patch),
-        lambda: g.parse_commit_changes(log * 50),
-        lambda: g.find_git_root(repo / "sub" / ".."),
-    ]
-    expected = [call() for call in calls]
-    fds_before, children_before = sorted(os.listdir("/proc/self/fd")), children()
-    failures = []
+def test_sixteen_threads_while_another_rebinds_names(repo, module_state, monkeypatch):
+    # Each call's answer comes from the old object or the new one, which
+    # answer alike; a name held borrowed across a rebinding would crash.
+    import test_boundary
 
-    def worker(seed):
-        for i in range(40):
-            k = (seed * 7 + i) % len(calls)
-            got = calls[k]()
-            if got != expected[k]:
-                failures.append((k, got))
+    monkeypatch.setattr(test_boundary, "churn", lambda: None)  # the rebinding itself is the test here
+    # Left out: answers that depend on the clock or the working directory, and
+    # the authors query, which a host runner runs on the caller's stdin.
+    timed = {"_RELATIVE_SPEC", "_SPEC_UNITS", "datetime", "timedelta", "find_git_root", "parse_time_spec"}
+    names = [n for n in test_boundary.USES if n not in timed]
+    uses = test_boundary.USES
+    originals = {n: getattr(g, n) for n in names}
+    expected = {n: uses[n](repo) for n in names}
+    stop, failures = threading.Event(), []
 
-    threads = [threading.Thread(target=worker, args=(n,)) for n in range(16)]
+    def rebinder():
+        rng = random.Random(7)
+        while not stop.is_set():
+            n = rng.choice(names)
+            setattr(g, n, test_boundary.stand_in(n, originals[n]) if rng.random() < 0.5 else originals[n])
+
+    def worker(k):
+        for i in range(3 * len(names) // 2):
+            n = names[(k * 7 + i) % len(names)]
+            try:
+                got = uses[n](repo)
+            except Exception as e:  # noqa: BLE001
+                got = repr(e)
+            if got != expected[n]:
+                failures.append((n, got))
+
+    threads = [threading.Thread(target=worker, args=(k,)) for k in range(16)]
+    side = threading.Thread(target=rebinder)
+    side.start()
     for t in threads:
         t.start()
     for t in threads:
         t.join()
+    stop.set()
+    side.join()
     assert failures == []
-    assert children() == children_before == []
-    assert sorted(os.listdir("/proc/self/fd")) == fds_before
-
-
-# Calls that end in an exception as well as answers: a reference dropped on an
-# error path is the usual leak.
-FAILING_CALLS = {
-    "missing-ref": lambda repo: g.resolve_commit(repo, "no-such-ref"),
-    "git-fails": lambda repo: g._git_output(repo, ["rev-parse", "--verify", "no-such-ref"]),
-    "bad-time": lambda repo: g.parse_time_spec("soon"),
-    "bad-argument": lambda repo: g.run_git_command(repo, ["status", 1]),
-    "surrogates": lambda repo: g._file_changes(["a\udcff", ":1 2 a b M", "p\udcff"]),
-    "no-git-dir": lambda repo: g.run_git_command(repo / "absent", ["status"]),
-}
-ANSWERING_CALLS = {
-    "log": lambda repo: g.log_commit_changes(repo, since=datetime.datetime(2000, 1, 1), ref=None, max_commits=5),
-    "spans": lambda repo: g.diff_line_spans(repo, "main~1", "main", merge_base=False, diff_filter="AM"),
-    "changes": lambda repo: g.diff_file_changes(repo, "main~1", "main"),
-    "authors": lambda repo: g.get_authors_for_period(repo, "2000-01-01"),
-    "parse-log": lambda repo: g.parse_commit_changes("\x1e1700000000\0\n:100644 100644 a b M\0x.c\0" + "1\t2\tx.c\0"),
-    "unquote": lambda repo: g._unquote('"caf\\303\\251\\n"'),
-}
-
-
-@pytest.mark.skipif(sys.getallocatedblocks() == 0, reason="objects are not counted (PYTHONMALLOC=malloc)")
-@pytest.mark.parametrize("call", [*FAILING_CALLS.values(), *ANSWERING_CALLS.values()],
-                         ids=[*FAILING_CALLS, *ANSWERING_CALLS])
-def test_repeated_calls_leave_no_objects_behind(repo, call, monkeypatch):
-    # Counts the interpreter's live blocks over two runs of 100 calls after a
-    # warm-up: a leak of one object a call grows both by at least 100, while
-    # caches and free lists fill once. This sees leaked lists, tuples and
-    # records, which stay linked in the cyclic GC's lists and so look reachable
-    # to LeakSanitizer in the sanitized run.
-    monkeypatch.setattr(g.logger, "propagate", False)  # pytest keeps every record
-    monkeypatch.setattr(g.logger, "handlers", [logging.NullHandler()])
-
-    def grown(n):
-        gc.collect()
-        before = sys.getallocatedblocks()
-        for _ in range(n):
-            try:
-                call(repo)
-            except (ValueError, TypeError, g.GitError):
-                pass
-        gc.collect()
-        return sys.getallocatedblocks() - before
-
-    grown(20)
-    assert min(grown(100), grown(100)) < 50
+    assert children() == []
 
 
 # --- memory over many rounds, and an output of a gigabyte ---------------------------------------
@@ -150,11 +109,15 @@ def rss():
     return int(Path("/proc/self/statm").read_text().split()[1]) * os.sysconf("SC_PAGE_SIZE")
 
 
-THREADS, CALLS, ROUNDS = 4, 60, 7  # calls per thread and round; round 1 warms up
+THREADS, CALLS, ROUNDS = 16, 15, 7  # calls per thread and round; round 1 warms up
 
 
 @pytest.mark.slow
-def test_memory_stays_flat_over_rounds(repo, tmp_path):
+def test_threads_over_rounds_agree_and_leave_nothing_behind(repo, tmp_path, monkeypatch):
+    # Answers and failures alike (a reference dropped on an error path is the
+    # usual leak); each thread's results must equal the single-threaded ones.
+    monkeypatch.setattr(g.logger, "propagate", False)  # pytest would keep every record
+    monkeypatch.setattr(g.logger, "handlers", [logging.NullHandler()])
     output = tmp_path / "output"
     output.write_bytes(b"line of output \xc3\xa9\r\n" * 14000)  # 266 KB through the runner
     patch = "+++ a\n@@ -1,2 +1,3 @@\n-x\n-y\n+p\n+q\n+r\n" * 20000
@@ -170,6 +133,13 @@ def test_memory_stays_flat_over_rounds(repo, tmp_path):
 
     calls = [
         lambda: g.get_head_commit(repo),
+        lambda: g.branch_exists(repo, "main"),
+        lambda: g.get_default_branch(repo),
+        lambda: g.get_authors_for_period(repo, "2000-01-01"),
+        lambda: g.find_git_root(repo / "sub" / ".."),
+        lambda: g.run_git_command(repo, ["-c", "alias.nap=!sleep 0.02; echo ok", "nap"]),
+        lambda: g.run_git_command(tmp_path / "absent", ["status"]),
+        lambda: g._file_changes(["a\udcff", ":1 2 a b M", "p\udcff"]),
         lambda: g.diff_file_changes(repo, "main~1", "main"),
         lambda: g.log_commit_changes(repo, since=datetime.datetime(2000, 1, 1), ref=None, max_commits=5),
         lambda: g.diff_line_spans(repo, "main~1", "main", merge_base=False, diff_filter="AM"),
@@ -185,7 +155,7 @@ def test_memory_stays_flat_over_rounds(repo, tmp_path):
         lambda: error(g._unquote, "\\400"),
     ]
     expected = [call() for call in calls]
-    assert all(expected[k][0] in (g.GitError, TypeError, ValueError) for k in range(9, 14))
+    assert all(e[0] in (g.GitError, TypeError, ValueError) for e in expected[-5:])
     fds_before, children_before = sorted(os.listdir("/proc/self/fd")), children()
     start, done = threading.Barrier(THREADS + 1, timeout=300), threading.Barrier(THREADS + 1, timeout=300)
     failures = []
@@ -229,17 +199,22 @@ def test_memory_stays_flat_over_rounds(repo, tmp_path):
     assert fds_after == fds_before
     # From round 2 on, the growth of each round: its median ignores a
     # one-time step (a cache or an arena filling up), and a leak grows every
-    # round. A leak of one object per call adds `per_round` blocks a round; one
+    # round. Each of the 20 calls runs about 12 times a round, so one object
+    # leaked by one of them adds 12 blocks a round to the 6 to 8 that this
+    # test's own record of the round takes; one
     # string kept by the core at least 32 bytes a call. Resident memory moves
     # by whole pages and arenas: its bound is loose, yet below what one kept
     # output (266 KB) per runner call would add.
     def median_growth(key):
         return statistics.median(b[key] - a[key] for a, b in zip(rounds[1:], rounds[2:]))
 
-    assert median_growth("blocks") < per_round / 10, rounds
+    assert median_growth("blocks") < per_round / 20, rounds
     if rounds[0]["malloc"] is not None:
         assert median_growth("malloc") < per_round * 8, rounds
-    assert rounds[-1]["rss"] - rounds[1]["rss"] < 8 << 20, rounds
+    # (Not under AddressSanitizer, whose quarantine and per-thread caches keep
+    # freed blocks mapped; its leak check covers that run.)
+    if "libasan" not in os.environ.get("LD_PRELOAD", ""):
+        assert rounds[-1]["rss"] - rounds[1]["rss"] < 8 << 20, rounds
 
 
 GIB = 1 << 30

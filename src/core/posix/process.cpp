@@ -25,6 +25,7 @@
 #include <utility>
 
 #include "src/core/process.hpp"
+#include "src/core/run.hpp"
 
 extern char** environ;
 
@@ -54,6 +55,7 @@ public:
     }
     ~Fd() { reset(); }
     int get() const { return fd_; }
+    int release() { return std::exchange(fd_, -1); }
     void reset(int fd = -1) {
         if (fd_ >= 0) ::close(fd_);
         fd_ = fd;
@@ -81,10 +83,10 @@ struct SpawnSetup {
 // so the deadline is seen whatever git writes), git's end as usual.
 void make_pipe(Fd& read_end, Fd& write_end) {
     int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) != 0) throw SpawnError(errno, "git");
+    if (::pipe2(fds, O_CLOEXEC) != 0) throw OsError(errno, "git");
     read_end.reset(fds[0]);
     write_end.reset(fds[1]);
-    if (::fcntl(fds[0], F_SETFL, O_NONBLOCK) != 0) throw SpawnError(errno, "git");
+    if (::fcntl(fds[0], F_SETFL, O_NONBLOCK) != 0) throw OsError(errno, "git");
 }
 
 ino_t inode_of(int fd) {
@@ -96,13 +98,13 @@ ino_t inode_of(int fd) {
 // slave never reports a hang-up).
 void open_terminal(Fd& master, Fd& slave) {
     master.reset(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
-    if (master.get() < 0) throw SpawnError(errno, "/dev/ptmx");
+    if (master.get() < 0) throw OsError(errno, "/dev/ptmx");
     char name[128];
     if (::grantpt(master.get()) != 0 || ::unlockpt(master.get()) != 0 ||
         ::ptsname_r(master.get(), name, sizeof name) != 0)
-        throw SpawnError(errno, "/dev/ptmx");
+        throw OsError(errno, "/dev/ptmx");
     slave.reset(::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC));
-    if (slave.get() < 0) throw SpawnError(errno, name);
+    if (slave.get() < 0) throw OsError(errno, name);
 }
 
 // Whether the caller is the foreground job of its controlling terminal.
@@ -535,7 +537,7 @@ Outcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
     int rc = ::posix_spawn(&pid, program.c_str(), &setup.actions, &setup.attr, argv.data(), envp.data());
     if (rc != 0) {
         if (rc == ENOENT) return {RunStatus::NotFound, 0};
-        throw SpawnError(rc, failed_start_filename(request.cwd));
+        throw OsError(rc, failed_start_filename(request.cwd));
     }
     Child child(pid, started, own_group, request.use_pidfd, pipes);
     out_w.reset();
@@ -604,4 +606,20 @@ Outcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
 }
 
 }  // namespace process
+SilentTerminal::SilentTerminal() {
+    process::Fd master, slave;
+    process::open_terminal(master, slave);
+    // End of file on the terminal (it starts in canonical mode), so a git that
+    // reads standard input does not wait for it.
+    const char eof = 0x04;
+    (void)!::write(master.get(), &eof, 1);
+    master_ = master.release();
+    slave_ = slave.release();
+}
+
+SilentTerminal::~SilentTerminal() {
+    if (slave_ >= 0) ::close(slave_);
+    if (master_ >= 0) ::close(master_);
+}
+
 }  // namespace git_utils

@@ -1,0 +1,115 @@
+// `parse_time_spec` at the boundary: the core's reading of since values
+// (src/core/timespec.hpp) with steps that use the namespace's
+// `_RELATIVE_SPEC`, `_SPEC_UNITS`, `datetime` and `timedelta`, natively
+// while they are the module's own (or, for the unit table, while it names
+// units the core knows), and the two errors worded with `TIME_SPEC_FORMS`
+// as the namespace holds it.
+#include "common.hpp"
+#include "src/core/timespec.hpp"
+
+namespace git_utils::binding {
+namespace {
+
+class TimeSteps {
+public:
+    using Result = Ref;
+
+    explicit TimeSteps(const Call& call)
+        : call_(call), pattern_(call.get(_RELATIVE_SPEC)), datetime_(call.get(datetime)) {}
+
+    std::optional<RelativeSpec> match_relative(std::string_view spec) {
+        if (call_.is_own(_RELATIVE_SPEC, pattern_)) return match_relative_spec(spec);
+        Ref text = str_from_utf8(spec);
+        Ref m = call_method(pattern_.get(), "fullmatch", {text.get()});
+        if (m.get() == Py_None) return std::nullopt;
+        Ref digits = call_method(m.get(), "group", {small_int(1).get()});
+        Ref unit = call_method(m.get(), "group", {small_int(2).get()});
+        digits_ = str_argument(digits.get(), "parse_time_spec", "_RELATIVE_SPEC group 1");
+        unit_ = str_argument(unit.get(), "parse_time_spec", "_RELATIVE_SPEC group 2");
+        return RelativeSpec{digits_, unit_};
+    }
+
+    Result relative(const RelativeSpec& rel) {
+        // now - timedelta(**{_SPEC_UNITS[unit]: amount})
+        Ref units = call_.get(_SPEC_UNITS);
+        Ref letter = str_from_utf8(rel.unit);
+        Ref unit = check(PyObject_GetItem(units.get(), letter.get()));
+        Ref timedelta_cls = call_.get(timedelta);
+        if (call_.is_own(datetime, datetime_) && call_.is_own(timedelta, timedelta_cls) && PyUnicode_CheckExact(unit.get())) {
+            if (const std::optional<std::uint64_t> micros = unit_micros(utf8_of(unit.get())))
+                return local(subtract_span(local_now(), rel.digits, *micros));
+        }
+        Ref amount = int_from_decimal(read_decimal_integer(rel.digits));
+        Ref now = call_method(datetime_.get(), "now");
+        Ref kwargs = check(PyDict_New());
+        check(PyDict_SetItem(kwargs.get(), unit.get(), amount.get()));
+        Ref span(PyObject_Call(timedelta_cls.get(), call_.st->empty_tuple, kwargs.get()));
+        Ref result = span ? Ref(PyNumber_Subtract(now.get(), span.get())) : Ref();
+        if (result) return result;
+        if (!PyErr_ExceptionMatches(PyExc_OverflowError)) throw PyErrSet{};
+        cause_ = Ref(PyErr_GetRaisedException());  // becomes the calendar error's cause
+        throw OutsideCalendar();
+    }
+
+    Result local(const Moment& m) {
+        return check(PyObject_CallFunction(datetime_.get(), "iiiiiii", m.year, m.month, m.day, m.hour, m.minute,
+                                           m.second, m.microsecond));
+    }
+
+    Ref take_cause() { return std::move(cause_); }
+
+private:
+    const Call& call_;
+    Ref pattern_;
+    Ref datetime_;
+    std::string digits_, unit_;
+    Ref cause_;
+};
+
+// A ValueError with `message`, and `cause` as its __cause__ when given.
+[[noreturn]] void raise_value_error(const std::string& message, Ref cause) {
+    Ref text = str_from_utf8(message);
+    Ref error = check(PyObject_CallOneArg(PyExc_ValueError, text.get()));
+    if (cause) PyException_SetCause(error.get(), cause.release());
+    PyErr_SetObject(PyExc_ValueError, error.get());
+    throw PyErrSet{};
+}
+
+// `parse_time_spec` with the module's own function: the moment as a datetime.
+Ref own_time_spec(const Call& call, PyObject* since) {
+    Ref held = Ref::borrow(since);
+    std::string text = utf8_of(held.get());
+    TimeSteps steps(call);
+    try {
+        return parse_time_spec_with(steps, text);
+    } catch (const TimeSpecError& e) {
+        if (e.out_of_calendar()) {
+            Ref cause = steps.take_cause();
+            if (!cause) {
+                Ref message = check(PyUnicode_FromString("date value out of range"));
+                cause = check(PyObject_CallOneArg(PyExc_OverflowError, message.get()));
+            }
+            raise_value_error(e.what(), std::move(cause));
+        }
+        Ref forms = call.get(TIME_SPEC_FORMS);
+        Ref forms_text = check(PyObject_Str(forms.get()));
+        raise_value_error(invalid_since_message(utf8_of(forms_text.get()), text), Ref());
+    }
+}
+
+}  // namespace
+
+Moment period_start(const Call& call, std::string_view since) {
+    Ref text = str_from_utf8(since);
+    Ref fn = call.get(parse_time_spec);
+    Ref moment = call.is_own(parse_time_spec, fn) ? own_time_spec(call, text.get())
+                                                  : check(PyObject_CallOneArg(fn.get(), text.get()));
+    return moment_argument(call, moment.get(), "parse_time_spec", "result");
+}
+
+Ref impl_parse_time_spec(const Call& call, PyObject* const* a) {
+    require_str(a[0], "parse_time_spec", "since");
+    return own_time_spec(call, a[0]);
+}
+
+}  // namespace git_utils::binding
