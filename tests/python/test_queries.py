@@ -200,6 +200,13 @@ def test_paths_are_batched_by_characters_within_the_budget(module_state):
     assert rec.calls == [PATCH + ["--diff-filter=MR", "a...b", "--", *batch] for batch in expected]
 
 
+def test_replaced_path_batches_decide_the_commands(module_state):
+    rec = install(module_state, [OK])
+    module_state._path_batches = lambda paths: [["b"], ["a", "c"]]
+    g.diff_line_spans(ROOT, "a", "b", merge_base=True, paths=["a", "b", "c"])
+    assert [args[args.index("--") + 1:] for args in rec.calls] == [["b"], ["a", "c"]]
+
+
 def test_later_batch_replaces_a_paths_spans_in_place(module_state):
     module_state._MAX_PATHSPEC_CHARS = 4
     install(module_state, [("+++ x\n@@ -1 +1 @@\n-a\n+b\n+++ y\n@@ -0,0 +1 @@\n+n\n", "", 0),
