@@ -106,11 +106,14 @@ struct ChangeSteps {
     HostChangeSteps host;
 };
 
-// Builds FileChange records: one str per distinct path id, the status from
-// the table, the class as the call found it.
+// Builds FileChange records: the status from the table, the class as the
+// call found it, and for a log one str per distinct path (a log names the
+// same files again and again; in one diff every path is new, so there the
+// sharing would only cost).
 class FileChangeBuilder {
 public:
-    FileChangeBuilder(const Call& call, bool ascii) : maker_(call, FILE_CHANGE), status_(call), ascii_(ascii) {}
+    FileChangeBuilder(const Call& call, bool ascii, bool share_paths)
+        : maker_(call, FILE_CHANGE), status_(call), ascii_(ascii), share_paths_(share_paths) {}
 
     // No Python code runs while records are built.
     bool sealed() const { return maker_.sealed() && status_.sealed(); }
@@ -119,9 +122,7 @@ public:
 
     template <class Count>
     Ref make(const FileEntry<Count>& e) {
-        if (e.path_id >= paths_.size()) paths_.resize(std::max<std::size_t>(e.path_id + 1, paths_.size() * 2));
-        Ref& path = paths_[e.path_id];
-        if (!path) path = text(e.path);
+        Ref path = share_paths_ ? shared_path(e) : text(e.path);
         Ref status = status_.status(e.letter);
         Ref additions = count_object(e.additions);
         Ref deletions = count_object(e.deletions);
@@ -131,9 +132,18 @@ public:
     }
 
 private:
+    template <class Count>
+    Ref shared_path(const FileEntry<Count>& e) {
+        if (e.path_id >= paths_.size()) paths_.resize(std::max<std::size_t>(e.path_id + 1, paths_.size() * 2));
+        Ref& path = paths_[e.path_id];
+        if (!path) path = text(e.path);
+        return path;
+    }
+
     RecordMaker maker_;
     StatusTable status_;
     bool ascii_;
+    bool share_paths_;
     std::vector<Ref> paths_;  // by path id
 };
 
@@ -149,7 +159,7 @@ Ref file_change_list(FileChangeBuilder& builder, const Entries& entries) {
 // the caller.
 Ref file_changes_of_tokens(const Call& call, std::span<const std::string_view> tokens, std::size_t bytes, bool ascii) {
     ChangeSteps steps(call);
-    FileChangeBuilder builder(call, ascii);
+    FileChangeBuilder builder(call, ascii, false);
     if (steps.native()) {
         std::vector<FileEntry<Decimal>> entries;
         without_gil(bytes >= kReleaseThreshold, [&] { entries = file_entries(tokens); });
@@ -188,7 +198,7 @@ class HostLogSink {
 public:
     HostLogSink(const Call& call, Ref file_changes, bool ascii)
         : host_(call.is_own(_file_changes, file_changes) ? Ref() : file_changes), steps_(call),
-          parser_(steps_.host), builder_(call, ascii), maker_(call, COMMIT_CHANGES), ascii_(ascii) {}
+          parser_(steps_.host), builder_(call, ascii, true), maker_(call, COMMIT_CHANGES), ascii_(ascii) {}
 
     void commit(const DecimalInteger& time, std::span<const std::string_view> body) {
         Ref timestamp = int_from_decimal(time);
@@ -234,7 +244,7 @@ Ref commit_changes_of_view(const Call& call, std::string_view text, bool ascii) 
     if (call.is_own(_file_changes, file_changes) && steps.native()) {
         CommitLog log;
         without_gil(text.size() >= kReleaseThreshold, [&] { log = commit_log(text, start); });
-        FileChangeBuilder builder(call, ascii);
+        FileChangeBuilder builder(call, ascii, true);
         RecordMaker maker(call, COMMIT_CHANGES);
         const bool sealed = builder.sealed() && maker.sealed();
         GcPause pause(sealed);

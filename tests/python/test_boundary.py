@@ -291,40 +291,28 @@ def _no_list_with_holes(repo):
     return len(g.parse_file_changes(RAW))
 
 
+# (what the host binds, the call, what the caller meets: an answer, or the
+# error's class name and message, or only its class name)
 HOST_FAULTS = {
     "subprocess.run raises, no TimeoutExpired": (
-        lambda repo: (setattr(g, "subprocess", Raiser), _error(lambda: g.run_git_command(repo, ["status"])))[1],
-        ("RuntimeError", "host run failed")),
+        {"subprocess": Raiser}, lambda r: g.run_git_command(r, ["status"]), ("RuntimeError", "host run failed")),
     "exit code beyond 64 bits": (
-        lambda repo: (setattr(g, "run_git_command", lambda r, a: ("", "", 2**70)),
-                      _error(lambda: g._git_output(repo, ["x"])))[1],
+        {"run_git_command": lambda r, a: ("", "", 2**70)}, lambda r: g._git_output(r, ["x"]),
         ("GitError", f"git exited with code {2**70}")),
     "count beyond 64 bits": (
-        lambda repo: (setattr(g, "run_git_command", lambda r, a: ("9" * 30 + "\n", "", 0)),
-                      g.count_commits(repo, "a", "b"))[1],
-        10**30 - 1),
-    "exit code not an int": (
-        lambda repo: (setattr(g, "run_git_command", lambda r, a: ("", "", "0")), _error(lambda: g.get_head_commit(repo)))[1][0],
-        "TypeError"),
-    "triple of two": (
-        lambda repo: (setattr(g, "run_git_command", lambda r, a: ("", "")), _error(lambda: g.branch_exists(repo, "x")))[1][0],
-        "TypeError"),
-    "collector switched off by the host": (_gc_left_as_the_host_left_it, False),
-    "no list with empty slots": (_no_list_with_holes, 2),
+        {"run_git_command": lambda r, a: ("9" * 30 + "\n", "", 0)}, lambda r: g.count_commits(r, "a", "b"), 10**30 - 1),
+    "exit code not an int": ({"run_git_command": lambda r, a: ("", "", "0")}, lambda r: g.get_head_commit(r), "TypeError"),
+    "triple of two": ({"run_git_command": lambda r, a: ("", "")}, lambda r: g.branch_exists(r, "x"), "TypeError"),
     "env items that are no pairs": (
-        lambda repo: (setattr(g, "get_subprocess_hidden_kwargs", lambda: {"env": BadEnv()}),
-                      _error(lambda: g.run_git_command(repo, ["status"])))[1][0],
-        "TypeError"),
+        {"get_subprocess_hidden_kwargs": lambda: {"env": BadEnv()}}, lambda r: g.run_git_command(r, ["status"]), "TypeError"),
     "non-str option name": (
-        lambda repo: (setattr(g, "get_subprocess_hidden_kwargs", lambda: {1: 2}),
-                      _error(lambda: g.run_git_command(repo, ["status"])))[1][0],
-        "TypeError"),
+        {"get_subprocess_hidden_kwargs": lambda: {1: 2}}, lambda r: g.run_git_command(r, ["status"]), "TypeError"),
     "_git_output returns bytes": (
-        lambda repo: (setattr(g, "_git_output", lambda r, a: b""), _error(lambda: g.diff_file_changes(repo, "a", "b")))[1],
+        {"_git_output": lambda r, a: b""}, lambda r: g.diff_file_changes(r, "a", "b"),
         ("TypeError", "_git_output must return str, not bytes")),
-    "_MAX_PATHSPEC_CHARS a float": (
-        lambda repo: (setattr(g, "_MAX_PATHSPEC_CHARS", 10.5), _error(lambda: g._path_batches(["a"])))[1][0],
-        "TypeError"),
+    "_MAX_PATHSPEC_CHARS a float": ({"_MAX_PATHSPEC_CHARS": 10.5}, lambda r: g._path_batches(["a"]), "TypeError"),
+    "collector switched off by the host": ({}, _gc_left_as_the_host_left_it, False),
+    "no list with empty slots": ({}, _no_list_with_holes, 2),
 }
 OWN_FILE_CHANGE = g.FileChange
 
@@ -336,9 +324,12 @@ class BadEnv(dict):
 
 @pytest.mark.parametrize("fault", HOST_FAULTS)
 def test_host_faults_reach_the_caller_as_errors_of_their_own(repo, module_state, fault):
-    call, expected = HOST_FAULTS[fault]
+    bound, call, expected = HOST_FAULTS[fault]
+    for name, value in bound.items():
+        setattr(g, name, value)
     try:
-        assert call(repo) == expected
+        got = _error(lambda: call(repo))
+        assert (got[0] if isinstance(expected, str) else got) == expected
     finally:
         gc.enable()
 

@@ -24,23 +24,8 @@ def truncate_blob(root):
     path.write_bytes(path.read_bytes()[: path.stat().st_size // 2])
 
 
-def empty_blob(root):
-    object_file(root, "HEAD:a.txt").write_bytes(b"")
-
-
-def overwrite_tree(root):
-    object_file(root, "HEAD^{tree}").write_bytes(b"\0garbage" * 8)
-
-
 def remove_head_commit(root):
     object_file(root, "HEAD").unlink()
-
-
-def truncate_pack(root):
-    git(root, "gc", "-q")
-    [pack] = (root / ".git" / "objects" / "pack").glob("*.pack")
-    os.chmod(pack, 0o644)
-    pack.write_bytes(pack.read_bytes()[: pack.stat().st_size // 2])
 
 
 def break_packed_ref(root):
@@ -74,10 +59,7 @@ ALL_BUT_DEFAULT = set(QUERIES) - {"get_default_branch"}  # its last fallback is 
 # damage -> the queries that cannot answer as on the sound repository
 DAMAGE = {
     "loose blob truncated": (truncate_blob, READ_FILES),
-    "loose blob emptied": (empty_blob, READ_FILES),
-    "loose tree overwritten": (overwrite_tree, READ_FILES),
     "HEAD's commit missing": (remove_head_commit, READ_HISTORY),
-    "pack truncated": (truncate_pack, READ_HISTORY),
     "packed-refs line broken": (break_packed_ref, ALL_BUT_DEFAULT),
     "HEAD file garbled": (garble_head, ALL_BUT_DEFAULT),
 }

@@ -1,7 +1,6 @@
 """Repository queries, roots, branch names and period starts: exact git argument
 lists through a recording runner, and behaviour against real repositories."""
 
-import inspect
 import json
 import logging
 import os
@@ -191,23 +190,6 @@ def test_git_argument_lists(module_state, via, call, answers, calls, result):
     assert all(root is ROOT for root in rec.roots)
 
 
-def test_signatures_and_argument_errors_come_before_git(module_state):
-    rec = install(module_state, [OK])
-    kinds = lambda f: [(p.name, p.kind.name, p.default) for p in inspect.signature(f).parameters.values()]
-    empty = inspect.Parameter.empty
-    assert kinds(g.log_commit_changes) == [("repo_root", "POSITIONAL_OR_KEYWORD", empty), ("since", "KEYWORD_ONLY", empty),
-                                           ("ref", "KEYWORD_ONLY", empty), ("max_commits", "KEYWORD_ONLY", empty)]
-    assert kinds(g.diff_line_spans)[3:] == [("merge_base", "KEYWORD_ONLY", empty), ("paths", "KEYWORD_ONLY", ()),
-                                            ("diff_filter", "KEYWORD_ONLY", "MR")]
-    for bad in [lambda: g.log_commit_changes(ROOT, MOMENT, ref=None, max_commits=1),
-                lambda: g.log_commit_changes(ROOT, since=MOMENT, ref=None),
-                lambda: g.diff_line_spans(ROOT, "a", "b"),
-                lambda: g.diff_line_spans(ROOT, "a", "b", True)]:
-        with pytest.raises(TypeError):
-            bad()
-    assert rec.calls == []
-
-
 def test_paths_are_batched_by_characters_within_the_budget(module_state):
     module_state._MAX_PATHSPEC_CHARS = 10
     rec = install(module_state, [OK])
@@ -216,6 +198,13 @@ def test_paths_are_batched_by_characters_within_the_budget(module_state):
     assert g._path_batches(paths) == expected
     assert g.diff_line_spans(ROOT, "a", "b", merge_base=True, paths=paths) == {}
     assert rec.calls == [PATCH + ["--diff-filter=MR", "a...b", "--", *batch] for batch in expected]
+
+
+def test_replaced_path_batches_decide_the_commands(module_state):
+    rec = install(module_state, [OK])
+    module_state._path_batches = lambda paths: [["b"], ["a", "c"]]
+    g.diff_line_spans(ROOT, "a", "b", merge_base=True, paths=["a", "b", "c"])
+    assert [args[args.index("--") + 1:] for args in rec.calls] == [["b"], ["a", "c"]]
 
 
 def test_later_batch_replaces_a_paths_spans_in_place(module_state):
@@ -451,12 +440,6 @@ def test_relative_forms(zone, since, span):
     after = datetime.now()
     assert type(result) is datetime and result.tzinfo is None
     assert before - span <= result <= after - span
-
-
-def test_iso_forms_are_local_wall_clock_times(zone):
-    assert g.parse_time_spec("2026-09-01 10:30:15.1234567") == datetime(2026, 9, 1, 10, 30, 15, 123456)
-    utc = datetime.fromisoformat("2026-09-01T10:30:15+00:00")
-    assert g.parse_time_spec("2026-09-01T10:30:15Z") == utc.astimezone().replace(tzinfo=None)
 
 
 # The messages quote what was passed as Python's repr() does.
