@@ -24,6 +24,11 @@ fs::path fake_dir() {
     return fs::path(self).parent_path() / "fake-git";
 }
 
+// A name in the temporary directory of this test process's own.
+fs::path scratch(const std::string& name) {
+    return fs::temp_directory_path() / ("git-utils-" + std::to_string(::GetCurrentProcessId()) + "-" + name);
+}
+
 std::string utf8(const fs::path& p) {
     const std::u8string s = p.u8string();
     return {s.begin(), s.end()};
@@ -99,7 +104,7 @@ class Win32Script : public ::testing::TestWithParam<ScriptCase> {};
 
 TEST_P(Win32Script, AnswersOnTimeAndLeavesNothing) {
     const ScriptCase& c = GetParam();
-    const fs::path pid_file = fs::temp_directory_path() / ("git-utils-" + std::string(c.name) + ".pid");
+    const fs::path pid_file = scratch(std::string(c.name) + ".pid");
     fs::remove(pid_file);
     std::vector<std::string> args{"run"};
     for (const std::string& step : c.steps) args.push_back(step[0] == 'g' ? step + ":" + utf8(pid_file) : step);
@@ -146,16 +151,23 @@ TEST(Win32Runner, SixteenThreadsAtOnceKeepTheirOwnPipes) {
     // run's git, that run would wait for the other git to end.
     constexpr int kThreads = 16;
     std::vector<Ran> runs(kThreads);
+    std::vector<std::string> failures(kThreads);
     std::vector<std::thread> threads;
     std::atomic<int> ready{0};
     for (int i = 0; i < kThreads; ++i)
         threads.emplace_back([&, i] {
             ++ready;
             while (ready < kThreads) std::this_thread::yield();
-            runs[i] = i % 2 ? run({"echo", "thread " + std::to_string(i)}) : run({"run", "o" + std::to_string(i), "s3000"});
+            try {
+                runs[i] = i % 2 ? run({"echo", "thread " + std::to_string(i)})
+                                : run({"run", "o" + std::to_string(i), "s3000"});
+            } catch (const OsError& e) {
+                failures[i] = std::string(e.what()) + " (Windows error " + std::to_string(e.winerror()) + ")";
+            }
         });
     for (auto& t : threads) t.join();
     for (int i = 0; i < kThreads; ++i) {
+        EXPECT_EQ(failures[i], "") << i;
         EXPECT_EQ(runs[i].outcome.status, RunStatus::Exited) << i;
         EXPECT_EQ(runs[i].outcome.out, i % 2 ? "thread " + std::to_string(i) + '\0' : pattern(i)) << i;
         if (i % 2) {
@@ -175,7 +187,7 @@ void PrintTo(const FindCase& c, std::ostream* os) { *os << c.name; }
 class Win32FindGit : public ::testing::TestWithParam<FindCase> {};
 
 TEST_P(Win32FindGit, OnlyAbsoluteDirectoriesOfPath) {
-    const fs::path here = fs::temp_directory_path() / "git-utils-find" / "repo";
+    const fs::path here = scratch("find") / "repo";
     const fs::path cmd = here.parent_path() / "cmd";
     fs::create_directories(here);
     fs::create_directories(cmd);
@@ -265,7 +277,7 @@ struct RootCase {
 class Win32Roots : public ::testing::TestWithParam<RootCase> {};
 
 TEST_P(Win32Roots, WalkTheWrittenPath) {
-    const fs::path tmp = fs::temp_directory_path() / "git-utils-roots";
+    const fs::path tmp = scratch("roots");
     fs::create_directories(tmp / "repo" / ".git");
     fs::create_directories(tmp / "repo" / "sub" / "deeper");
     const std::string t = utf8(tmp.lexically_normal());

@@ -22,6 +22,7 @@
 #include <system_error>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "src/core/process.hpp"
 #include "src/core/run.hpp"
@@ -335,26 +336,53 @@ public:
     HANDLE process() const { return process_.get(); }
 
     // Ends git and everything in its job, and waits until they are gone (a
-    // termination is only started by the call that asks for it).
+    // termination is only started by the call that asks for it, and the
+    // system counts a process out of the job before it has gone, so the
+    // members are opened first and waited for).
     void end_everything() noexcept {
         if (!job_.valid()) {
             ::TerminateProcess(process_.get(), 1);
             ::WaitForSingleObject(process_.get(), INFINITE);
             return;
         }
+        std::vector<Handle> members;
+        try {
+            members = open_members();
+        } catch (...) {
+            // Out of memory: the job is ended all the same.
+        }
         ::TerminateJobObject(job_.get(), 1);
         ::WaitForSingleObject(process_.get(), INFINITE);
-        for (int i = 0; i < 2000; ++i) {
-            JOBOBJECT_BASIC_ACCOUNTING_INFORMATION info{};
-            if (!::QueryInformationJobObject(job_.get(), JobObjectBasicAccountingInformation, &info, sizeof info,
-                                             nullptr) ||
-                info.ActiveProcesses == 0)
-                break;
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        // Two seconds at most for a process that the system is slow to take down.
+        const auto until = Clock::now() + std::chrono::seconds(2);
+        for (const Handle& m : members) {
+            const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now()).count();
+            ::WaitForSingleObject(m.get(), static_cast<DWORD>(std::max<long long>(left, 0)));
         }
     }
 
 private:
+    // Every process in the job now, opened to wait for. (Should one have
+    // ended and its id gone to another process since, the wait for that one
+    // is only cut short by the time limit; nothing is signalled by id.)
+    std::vector<Handle> open_members() const {
+        std::vector<ULONG_PTR> buffer(66);
+        for (;;) {
+            auto* list = reinterpret_cast<JOBOBJECT_BASIC_PROCESS_ID_LIST*>(buffer.data());
+            const DWORD room = static_cast<DWORD>(buffer.size() * sizeof(ULONG_PTR));
+            if (::QueryInformationJobObject(job_.get(), JobObjectBasicProcessIdList, list, room, nullptr) ||
+                ::GetLastError() != ERROR_MORE_DATA) {
+                std::vector<Handle> members;
+                for (DWORD i = 0; i < list->NumberOfProcessIdsInList; ++i) {
+                    Handle h(::OpenProcess(SYNCHRONIZE, FALSE, static_cast<DWORD>(list->ProcessIdList[i])));
+                    if (h.valid()) members.push_back(std::move(h));
+                }
+                return members;
+            }
+            buffer.resize(buffer.size() * 2);
+        }
+    }
+
     Handle process_;
     Handle job_;
 };

@@ -19,32 +19,11 @@
 #include <cwchar>
 #include <string>
 
+#include "src/core/win32/system.hpp"
+
 namespace {
 
-std::string utf8(const std::wstring& w) {
-    std::string out;
-    for (std::size_t i = 0; i < w.size(); ++i) {
-        unsigned cp = static_cast<unsigned>(w[i]);
-        if (cp >= 0xD800 && cp < 0xDC00 && i + 1 < w.size() && w[i + 1] >= 0xDC00 && w[i + 1] < 0xE000)
-            cp = 0x10000 + ((cp - 0xD800) << 10) + (static_cast<unsigned>(w[++i]) - 0xDC00);
-        if (cp < 0x80) {
-            out += static_cast<char>(cp);
-        } else if (cp < 0x800) {
-            out += static_cast<char>(0xC0 | (cp >> 6));
-            out += static_cast<char>(0x80 | (cp & 0x3F));
-        } else if (cp < 0x10000) {
-            out += static_cast<char>(0xE0 | (cp >> 12));
-            out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (cp & 0x3F));
-        } else {
-            out += static_cast<char>(0xF0 | (cp >> 18));
-            out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-            out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-            out += static_cast<char>(0x80 | (cp & 0x3F));
-        }
-    }
-    return out;
-}
+std::string utf8(const std::wstring& w) { return git_utils::win32::narrow(w); }
 
 void put(DWORD which, const std::string& data) {
     DWORD done = 0;
