@@ -76,15 +76,18 @@ public:
 
 // A failure of the operating system that the library lets through (a start
 // failure other than a missing git, a lookup that fails with anything but
-// "absent"): the error number and the file it concerns.
+// "absent"): the error number and the file it concerns, and on Windows the
+// system's own error code (GetLastError) that the error number stands for.
 class OsError : public std::system_error {
 public:
-    OsError(int err, std::string filename)
-        : std::system_error(err, std::generic_category()), filename_(std::move(filename)) {}
+    OsError(int err, std::string filename, unsigned long winerror = 0)
+        : std::system_error(err, std::generic_category()), filename_(std::move(filename)), winerror_(winerror) {}
     const std::string& filename() const { return filename_; }
+    unsigned long winerror() const { return winerror_; }
 
 private:
     std::string filename_;
+    unsigned long winerror_;
 };
 
 // A malformed `since` value. `out_of_calendar` tells the two messages apart.
@@ -121,9 +124,9 @@ inline constexpr std::string_view NOT_FOUND_MESSAGE = "git not found";
 inline constexpr double DEFAULT_TIMEOUT = 30.0;
 
 enum class RunStatus {
-    Exited,       // git ran; returncode is its exit code (negative: signal)
+    Exited,       // git ran; returncode is its exit code (POSIX: negative for a signal)
     TimedOut,     // the deadline passed; git and everything it started were killed
-    NotFound,     // the start failed with ENOENT (no git, or no directory)
+    NotFound,     // no git on PATH, or (POSIX) the start failed with ENOENT: no directory
     Interrupted,  // the interrupt hook asked to stop; killed as at the deadline
 };
 
@@ -142,8 +145,9 @@ struct GitResult {
 enum class StdinMode {
     Inherit,   // the caller's standard input
     Null,      // /dev/null
-    Terminal,  // a fresh pseudo-terminal that never sends anything: `git shortlog`
-               // without a revision summarises HEAD only when stdin is a terminal
+    Terminal,  // a terminal that never sends anything: `git shortlog` without a
+               // revision summarises HEAD only when stdin is a terminal (POSIX: a
+               // fresh pseudo-terminal; Windows: see SilentTerminal)
 };
 
 // The environment git gets: "NAME=value" entries, held in one buffer (a copy
@@ -178,6 +182,17 @@ private:
     std::vector<std::size_t> starts_;  // where each begins in text_
 };
 
+// What a Windows host adds to a start to keep git's console window hidden:
+// its STARTUPINFO's dwFlags and wShowWindow (STARTF_USESHOWWINDOW and
+// SW_HIDE) and CreateProcess's creation flags (CREATE_NO_WINDOW). The Windows
+// runner applies them; other systems have no console windows and ignore them.
+struct StartOptions {
+    std::uint32_t startup_flags = 0;
+    std::uint16_t show_window = 0;
+    std::uint32_t creation_flags = 0;
+    bool operator==(const StartOptions&) const = default;
+};
+
 struct RunOptions {
     // Seconds for the whole run; no value means no limit.
     std::optional<double> timeout = DEFAULT_TIMEOUT;
@@ -187,9 +202,12 @@ struct RunOptions {
     std::optional<Environment> env;
     // What git's standard input is.
     StdinMode stdin_mode = StdinMode::Inherit;
+    // The host's extra options for the start (Windows).
+    StartOptions start;
     // Called when a signal interrupted the wait; returning true kills what the
     // run started and ends it with RunStatus::Interrupted. Called without any
-    // lock held, with the calling thread's own signal mask.
+    // lock held, with the calling thread's own signal mask. (Windows has no
+    // signals that interrupt the wait: a console's Ctrl+C reaches git too.)
     std::function<bool()> on_interrupt;
 };
 
@@ -197,7 +215,9 @@ struct RunOutcome {
     RunStatus status = RunStatus::Exited;
     std::string out;  // raw bytes, not decoded
     std::string err;
-    int returncode = 0;
+    // POSIX: the exit status, or the negative signal number. Windows: the
+    // process's exit code as the system gives it, from 0 to 4294967295.
+    std::int64_t returncode = 0;
 };
 
 // This process's environment, copied ("NAME=value" entries). The extension
@@ -210,7 +230,8 @@ Environment current_environment();
 // end of file. At the deadline, on an interrupt and on an exception everything
 // the run started is killed; git is reaped on every way out. Throws OsError
 // for start failures other than ENOENT. Arguments and `cwd` are byte strings
-// (no NULs).
+// (no NULs); on Windows UTF-8, lone surrogates included (as Python's
+// "surrogatepass" writes them), given to the system as UTF-16.
 RunOutcome run_git_process(const std::vector<std::string>& args, const std::string& cwd,
                            const RunOptions& options = {});
 

@@ -226,9 +226,18 @@ void log(const Call& call, const char* level, const char* message, std::initiali
 }
 
 namespace {
-void set_os_error(int err, const std::string& filename) {
+void set_os_error(int err, const std::string& filename, unsigned long winerror = 0) {
     Ref name(filename.empty() ? nullptr : PyUnicode_DecodeFSDefault(filename.c_str()));
     PyErr_Clear();
+#ifdef MS_WINDOWS
+    // The system's own code, from which the host finds the error number.
+    if (winerror) {
+        PyErr_SetExcFromWindowsErrWithFilenameObject(PyExc_OSError, static_cast<int>(winerror), name.get());
+        return;
+    }
+#else
+    (void)winerror;
+#endif
     errno = err;
     PyErr_SetFromErrnoWithFilenameObject(PyExc_OSError, name.get());
 }
@@ -249,7 +258,7 @@ void set_python_error(const Call& call) noexcept {
             if (!PyErr_Occurred()) PyErr_NoMemory();
         }
     } catch (const OsError& e) {
-        set_os_error(e.code().value(), e.filename());
+        set_os_error(e.code().value(), e.filename(), e.winerror());
     } catch (const OptionClash& e) {
         PyErr_Format(PyExc_TypeError, "run_git_command() %s", e.what());
     } catch (const std::invalid_argument& e) {

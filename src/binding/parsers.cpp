@@ -197,7 +197,7 @@ Ref file_changes_of_view(const Call& call, std::string_view text, bool ascii) {
 class HostLogSink {
 public:
     HostLogSink(const Call& call, Ref file_changes, bool ascii)
-        : call_(call), host_(call.is_own(_file_changes, file_changes) ? Ref() : file_changes), steps_(call),
+        : host_(call.is_own(_file_changes, file_changes) ? Ref() : file_changes), steps_(call),
           parser_(steps_.host), builder_(call, ascii, true), maker_(call, COMMIT_CHANGES), ascii_(ascii) {}
 
     void commit(const DecimalInteger& time, std::span<const std::string_view> body) {
@@ -223,7 +223,6 @@ public:
     Ref result() { return commits_.list(); }
 
 private:
-    const Call& call_;
     Ref host_;
     ChangeSteps steps_;
     FileChangeParser<HostChangeSteps> parser_;

@@ -73,9 +73,9 @@ Ref make_record_class(const Call& call, Record which) {
 }
 
 RecordMaker::RecordMaker(const Call& call, Record which)
-    : call_(call), which_(which), cls_(call.get(static_cast<Name>(FileChange + which))) {
+    : call_(call), which_(which), cls_(call.get(static_cast<Name>(static_cast<int>(FileChange) + static_cast<int>(which)))) {
     const unsigned int tag = call.st->record_tags[which];
-    sealed_ = call.is_own(static_cast<Name>(FileChange + which), cls_) && tag != 0 &&
+    sealed_ = call.is_own(static_cast<Name>(static_cast<int>(FileChange) + static_cast<int>(which)), cls_) && tag != 0 &&
               reinterpret_cast<PyTypeObject*>(cls_.get())->tp_version_tag == tag;
 }
 

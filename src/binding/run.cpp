@@ -15,14 +15,70 @@ namespace {
 
 // The extra start options of one run, from the namespace's
 // get_subprocess_hidden_kwargs().
-struct StartOptions {
-    Ref mapping;                  // as the host returned it
-    Ref env;                      // its "env", when given
+struct HostOptions {
+    Ref mapping;                    // as the host returned it
+    Ref env;                        // its "env", when given
+    StartOptions start;             // its "startupinfo" and "creationflags", as the native start applies them
     bool needs_subprocess = false;  // an option only the host's subprocess.run can apply
 };
 
-StartOptions read_start_options(const Call& call) {
-    StartOptions options;
+// An unsigned integer option of at most `bits` bits, as CreateProcess reads
+// it: an int, refused when negative or too large (`mask`: cut to the low
+// bits instead, as for creationflags).
+std::uint32_t flag_value(PyObject* value, const char* what, int bits, bool mask) {
+    if (!PyLong_Check(value))
+        raise(PyExc_TypeError, "%s must be an int, not %.100s", what, Py_TYPE(value)->tp_name);
+    const unsigned long long limit = (1ULL << bits) - 1;
+    if (mask) {
+        const unsigned long long v = PyLong_AsUnsignedLongLongMask(value);
+        if (v == static_cast<unsigned long long>(-1) && PyErr_Occurred()) throw PyErrSet{};
+        return static_cast<std::uint32_t>(v & limit);
+    }
+    int overflow = 0;
+    const long long v = PyLong_AsLongLongAndOverflow(value, &overflow);
+    if (v == -1 && PyErr_Occurred()) throw PyErrSet{};
+    if (overflow || v < 0 || static_cast<unsigned long long>(v) > limit)
+        raise(PyExc_OverflowError, "%s must be between 0 and %llu", what, limit);
+    return static_cast<std::uint32_t>(v);
+}
+
+// A STARTUPINFO's dwFlags and wShowWindow (a missing one counts as 0, as
+// subprocess reads them). Its standard handles are the runner's anyway;
+// handles it lists for inheritance can only be passed by the host's
+// subprocess.run: false then.
+bool read_startupinfo(PyObject* info, StartOptions& start) {
+    if (info == Py_None) return true;
+    const auto field = [&](const char* name, const char* what, int bits) -> std::uint32_t {
+        Ref key = check(PyUnicode_InternFromString(name));
+        Ref value(PyObject_GetAttr(info, key.get()));
+        if (!value) {
+            if (!PyErr_ExceptionMatches(PyExc_AttributeError)) throw PyErrSet{};
+            PyErr_Clear();
+            return 0;
+        }
+        return flag_value(value.get(), what, bits, false);
+    };
+    start.startup_flags = field("dwFlags", "startupinfo.dwFlags", 32);
+    start.show_window = static_cast<std::uint16_t>(field("wShowWindow", "startupinfo.wShowWindow", 16));
+    Ref key = check(PyUnicode_InternFromString("lpAttributeList"));
+    Ref attributes(PyObject_GetAttr(info, key.get()));
+    if (!attributes) {
+        if (!PyErr_ExceptionMatches(PyExc_AttributeError)) throw PyErrSet{};
+        PyErr_Clear();
+        return true;
+    }
+    if (attributes.get() == Py_None || !PyMapping_Check(attributes.get())) return true;
+    Ref handles(PyMapping_GetItemString(attributes.get(), "handle_list"));
+    if (!handles) {
+        if (!PyErr_ExceptionMatches(PyExc_KeyError)) throw PyErrSet{};
+        PyErr_Clear();
+        return true;
+    }
+    return check(PyObject_Not(handles.get())) == 1;
+}
+
+HostOptions read_start_options(const Call& call) {
+    HostOptions options;
     Ref provider = call.get(get_subprocess_hidden_kwargs);
     options.mapping = check(PyObject_CallNoArgs(provider.get()));
     if (PyDict_CheckExact(options.mapping.get()) && PyDict_GET_SIZE(options.mapping.get()) == 0) return options;
@@ -36,8 +92,15 @@ StartOptions read_start_options(const Call& call) {
     }
     check_start_options(names);
     for (std::size_t i = 0; i < names.size(); ++i) {
+        const auto value = [&] {
+            return check(PyObject_GetItem(options.mapping.get(), PyTuple_GET_ITEM(key_tuple.get(), static_cast<Py_ssize_t>(i))));
+        };
         if (names[i] == "env")
-            options.env = check(PyObject_GetItem(options.mapping.get(), PyTuple_GET_ITEM(key_tuple.get(), static_cast<Py_ssize_t>(i))));
+            options.env = value();
+        else if (names[i] == "startupinfo")
+            options.needs_subprocess |= !read_startupinfo(value().get(), options.start);
+        else if (names[i] == "creationflags")
+            options.start.creation_flags = flag_value(value().get(), "creationflags", 32, true);
         else
             options.needs_subprocess = true;
     }
@@ -88,7 +151,7 @@ public:
     RunSteps(const Call& call, const RunRequest& request) : call_(call), request_(request) {}
 
     RunOutcome start() {
-        StartOptions options = read_start_options(call_);
+        HostOptions options = read_start_options(call_);
         Ref sp = call_.get(subprocess);
         if (options.needs_subprocess || !call_.is_own(subprocess, sp)) return start_with_subprocess(sp, options);
         return start_native(options);
@@ -96,8 +159,8 @@ public:
 
     void timed_out() { log(call_, "warning", "git command timed out after %ss: args=%s", {timeout().get(), args().get()}); }
     void not_found() { log(call_, "warning", "git executable not found while running args=%s", {args().get()}); }
-    void failed(int returncode, std::string_view stderr_stripped) {
-        Ref rc = check(PyLong_FromLong(returncode));
+    void failed(std::int64_t returncode, std::string_view stderr_stripped) {
+        Ref rc = check(PyLong_FromLongLong(returncode));
         Ref err = str_from_utf8(stderr_stripped);
         log(call_, "debug", "git command failed: args=%s rc=%s stderr=%s", {args().get(), rc.get(), err.get()});
     }
@@ -113,7 +176,7 @@ private:
         return request_.timeout ? Ref::borrow(request_.timeout) : check(PyLong_FromLong(static_cast<long>(DEFAULT_TIMEOUT)));
     }
 
-    RunOutcome start_native(const StartOptions& options) {
+    RunOutcome start_native(const HostOptions& options) {
         // Everything the process needs is copied out of Python objects
         // before the interpreter lock is released.
         const std::string cwd = repo_root_text(request_.repo_root);
@@ -122,6 +185,7 @@ private:
         for (const std::string& a : request_.args) argv.push_back(os_bytes(a, "args"));
         RunOptions run;
         run.stdin_mode = request_.stdin_mode;
+        run.start = options.start;
         run.timeout = request_.timeout ? seconds_of(request_.timeout) : std::optional<double>(DEFAULT_TIMEOUT);
         // The environment is copied here, with the interpreter lock held: no
         // thread can change os.environ while it is read.
@@ -152,7 +216,7 @@ private:
 
     // The host's `subprocess.run`, for start options that only it can apply
     // (or a `subprocess` the host replaced).
-    RunOutcome start_with_subprocess(const Ref& sp, const StartOptions& options) {
+    RunOutcome start_with_subprocess(const Ref& sp, const HostOptions& options) {
         ListBuilder cmd;
         cmd.add(check(PyUnicode_FromString("git")));
         for (const std::string& a : request_.args) cmd.add(str_from_utf8(a));
@@ -203,11 +267,12 @@ private:
         Ref rc = attr(completed.get(), "returncode");
         if (out.get() != Py_None) outcome.out = str_argument(out.get(), "subprocess.run", "stdout");
         if (err.get() != Py_None) outcome.err = str_argument(err.get(), "subprocess.run", "stderr");
+        // Windows gives exit codes up to 4294967295.
         int overflow = 0;
-        const long code = PyLong_Check(rc.get()) ? PyLong_AsLongAndOverflow(rc.get(), &overflow) : 0;
-        if (!PyLong_Check(rc.get()) || overflow || code < INT_MIN || code > INT_MAX)
-            raise(PyExc_TypeError, "subprocess.run returned an exit code that is not a C int: %R", rc.get());
-        outcome.returncode = static_cast<int>(code);
+        const long long code = PyLong_Check(rc.get()) ? PyLong_AsLongLongAndOverflow(rc.get(), &overflow) : 0;
+        if (!PyLong_Check(rc.get()) || overflow)
+            raise(PyExc_TypeError, "subprocess.run returned an exit code that is not a 64-bit integer: %R", rc.get());
+        outcome.returncode = code;
         return outcome;
     }
 

@@ -1,6 +1,6 @@
 // Between the runner (runner.cpp: deadlines, output collection, the result
 // triple) and the code that starts and watches git on one platform
-// (posix/process.cpp). Private to the core.
+// (posix/process.cpp, win32/process.cpp). Private to the core.
 #pragma once
 
 #include <chrono>
@@ -51,12 +51,38 @@ struct Request {
     // False: watch git as on a kernel without pidfd (waitid polling, signals
     // by pid), so that path can be tested on any kernel.
     bool use_pidfd = true;
+    StartOptions start = {};
 };
 
 struct Outcome {
     RunStatus status = RunStatus::Exited;
-    int returncode = 0;
+    std::int64_t returncode = 0;
 };
+
+// The STARTUPINFO and CreateProcess flags of a Windows start: the host's,
+// plus what the runner itself needs (its pipes as git's standard handles, a
+// UTF-16 environment, an attribute list, a suspended start so that git is in
+// the run's job before it can start anything), less the creation flags that
+// would take git out of the runner's hands (leaving the job, running under a
+// debugger that nobody drives). Plain numbers, so that every platform can
+// check them; win32/process.cpp asserts they are the system's.
+namespace win32_flags {
+inline constexpr std::uint32_t kUseStdHandles = 0x00000100;
+inline constexpr std::uint32_t kDebugProcess = 0x00000001;
+inline constexpr std::uint32_t kDebugOnlyThisProcess = 0x00000002;
+inline constexpr std::uint32_t kCreateSuspended = 0x00000004;
+inline constexpr std::uint32_t kCreateUnicodeEnvironment = 0x00000400;
+inline constexpr std::uint32_t kExtendedStartupinfoPresent = 0x00080000;
+inline constexpr std::uint32_t kCreateBreakawayFromJob = 0x01000000;
+}  // namespace win32_flags
+
+struct NativeStart {
+    std::uint32_t startup_flags;
+    std::uint16_t show_window;
+    std::uint32_t creation_flags;
+    bool operator==(const NativeStart&) const = default;
+};
+NativeStart windows_start(const StartOptions& host);
 
 // Starts git, reads both outputs into `out` and `err` until git has exited
 // and both pipes are at end of file, the deadline passes or `on_interrupt`

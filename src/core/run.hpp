@@ -5,6 +5,7 @@
 // logger); core/runner.cpp instantiates it with the native process.
 #pragma once
 
+#include <cstdint>
 #include <initializer_list>
 #include <string_view>
 
@@ -32,7 +33,7 @@ GitResult not_found_result();
 //   RunOutcome start();                    // the process: raw bytes and how it ended
 //   void timed_out();                      // "git command timed out after %ss: args=%s"
 //   void not_found();                      // "git executable not found while running args=%s"
-//   void failed(int returncode, std::string_view stderr_stripped);  // "git command failed: ..."
+//   void failed(std::int64_t returncode, std::string_view stderr_stripped);  // "git command failed: ..."
 template <class Steps>
 GitResult run_with(Steps& steps) {
     RunOutcome outcome = steps.start();
@@ -61,19 +62,44 @@ GitResult run_with(Steps& steps) {
 
 namespace git_utils {
 
-// A pseudo-terminal for git's standard input that never sends anything: it
-// reads end of file at once. fd() is -1 where the system has none.
+// A terminal for git's standard input that never sends anything: it reads end
+// of file at once.
+//
+// POSIX: a fresh pseudo-terminal; fd() is its slave (-1 where the system has
+// none). Windows has no terminal device that a process without a console can
+// hand on, and Git for Windows answers isatty(0) itself: true for a console
+// input handle (GetConsoleMode succeeds) and for a pipe whose name marks it as
+// an MSYS2 or Cygwin pseudo-terminal ("msys-" and "-pty" in it, the
+// terminals of Git Bash and MinTTY); false for NUL, files and other pipes. So
+// handle() is the reading end of such a named pipe, in message mode and
+// holding only empty messages: git sees a terminal, and a read gives end of
+// file. (Closing the writing end instead would also give end of file, but the
+// pipe's name goes with it, and git looks at the name when it starts.)
 class SilentTerminal {
 public:
     SilentTerminal();
     ~SilentTerminal();
     SilentTerminal(const SilentTerminal&) = delete;
     SilentTerminal& operator=(const SilentTerminal&) = delete;
+#ifdef _WIN32
+    void* handle() const { return handle_; }  // a HANDLE, not inheritable
+    // A descriptor of the C runtime the library is built with (the host's
+    // own with MSVC's /MD) for the same reading end, for the host's
+    // subprocess.
+    int fd() const { return fd_; }
+#else
     int fd() const { return slave_; }
+#endif
 
 private:
+#ifdef _WIN32
+    void* handle_ = nullptr;  // the reading end
+    void* writer_ = nullptr;
+    int fd_ = -1;
+#else
     int master_ = -1;
     int slave_ = -1;
+#endif
 };
 
 }  // namespace git_utils

@@ -45,6 +45,13 @@ std::string OutputBuffer::take() {
     return all;
 }
 
+NativeStart windows_start(const StartOptions& host) {
+    using namespace win32_flags;
+    constexpr std::uint32_t dropped = kCreateBreakawayFromJob | kDebugProcess | kDebugOnlyThisProcess;
+    constexpr std::uint32_t added = kCreateSuspended | kCreateUnicodeEnvironment | kExtendedStartupinfoPresent;
+    return {host.startup_flags | kUseStdHandles, host.show_window, (host.creation_flags & ~dropped) | added};
+}
+
 }  // namespace process
 
 RunOutcome run_git_process(const std::vector<std::string>& args, const std::string& cwd,
@@ -64,7 +71,8 @@ RunOutcome run_git_process(const std::vector<std::string>& args, const std::stri
                              .env = options.env ? *options.env : own_env,
                              .stdin_mode = options.stdin_mode,
                              .deadline = deadline,
-                             .on_interrupt = options.on_interrupt};
+                             .on_interrupt = options.on_interrupt,
+                             .start = options.start};
     process::OutputBuffer out, err;
     process::Outcome done = process::run(request, out, err);
     RunOutcome outcome;

@@ -222,6 +222,42 @@ def test_other_options_go_through_the_hosts_subprocess_run(module_state, repo):
         "cwd": str(repo), "capture_output": True, "encoding": "utf-8", "errors": "replace", "timeout": 30}
 
 
+class StartupInfo:
+    """The fields of subprocess.STARTUPINFO that a host may set."""
+
+    def __init__(self, **fields):
+        self.__dict__.update(fields)
+
+
+@pytest.mark.parametrize(
+    "options, outcome",
+    [
+        # What a Windows host gives: STARTF_USESHOWWINDOW, SW_HIDE, CREATE_NO_WINDOW.
+        ({"startupinfo": StartupInfo(dwFlags=1, wShowWindow=0), "creationflags": 0x08000000}, "native"),
+        ({"startupinfo": None, "creationflags": True}, "native"),
+        ({"startupinfo": StartupInfo(dwFlags=2**32 - 1, wShowWindow=2**16 - 1, lpAttributeList={"handle_list": []})},
+         "native"),
+        ({"creationflags": -1}, "native"),  # cut to 32 bits, as CreateProcess reads it
+        ({"startupinfo": StartupInfo(dwFlags="1")}, TypeError),
+        ({"startupinfo": StartupInfo(wShowWindow=2**16)}, OverflowError),
+        ({"startupinfo": StartupInfo(dwFlags=-1)}, OverflowError),
+        ({"creationflags": 1.0}, TypeError),
+        # Handles to inherit: only the host's subprocess.run passes them on (and on POSIX refuses a startupinfo).
+        ({"startupinfo": StartupInfo(lpAttributeList={"handle_list": [3]})}, "subprocess"),
+    ],
+)
+def test_windows_start_options_keep_the_native_start(module_state, repo, options, outcome):
+    module_state.get_subprocess_hidden_kwargs = lambda: options
+    if outcome == "native":  # the host's subprocess.run would refuse a startupinfo here
+        assert g.run_git_command(repo, ["rev-parse", "--is-inside-work-tree"]) == ("true\n", "", 0)
+    elif outcome == "subprocess":
+        with pytest.raises(ValueError, match="startupinfo is only supported on Windows"):
+            g.run_git_command(repo, ["status"])
+    else:
+        with pytest.raises(outcome, match="startupinfo|creationflags"):
+            g.run_git_command(repo, ["status"])
+
+
 @pytest.mark.parametrize(
     "setup",
     [

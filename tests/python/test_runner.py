@@ -102,7 +102,11 @@ def live_processes(marker):
 
 
 def children():
-    return [pid for task in Path("/proc/self/task").iterdir() for pid in (task / "children").read_text().split()]
+    found = []
+    for task in Path("/proc/self/task").iterdir():
+        with contextlib.suppress(FileNotFoundError):  # a thread that just ended may be listed, then gone
+            found += (task / "children").read_text().split()
+    return found
 
 
 def processes_left(marker):

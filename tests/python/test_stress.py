@@ -24,7 +24,10 @@ from vantrel_sorlith.utils import git_utils as g
 def children():
     found = []
     for task in Path("/proc/self/task").iterdir():
-        found += (task / "children").read_text().split()
+        try:  # a thread that just ended may still be listed, and then gone
+            found += (task / "children").read_text().split()
+        except FileNotFoundError:
+            pass
     return found
 
 

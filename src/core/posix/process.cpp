@@ -2,6 +2,11 @@
 // a pipe for each output, a wait on non-blocking read ends (ppoll) that looks
 // at the deadline on every wake-up, and one owner of the child that, on every
 // way out, kills what the run started and reaps git.
+//
+// What differs between systems is chosen when the build is configured
+// (GIT_UTILS_HAVE_*): Linux has pipe2, ppoll, pidfds and /proc; macOS has
+// none of those, and uses POSIX_SPAWN_CLOEXEC_DEFAULT, a polled wait, git's
+// exit looked for with waitid, and libproc for the processes of a run.
 #include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
@@ -9,7 +14,9 @@
 #include <signal.h>
 #include <spawn.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
+#if __has_include(<sys/syscall.h>)
+#include <sys/syscall.h>  // pidfds (Linux)
+#endif
 #include <sys/wait.h>
 #include <termios.h>
 #include <time.h>
@@ -27,16 +34,29 @@
 #include "src/core/process.hpp"
 #include "src/core/run.hpp"
 
+#ifdef GIT_UTILS_HAVE_NSGETENVIRON
+#include <crt_externs.h>  // a shared library on macOS cannot refer to environ itself
+#else
 extern char** environ;
+#endif
+#ifdef GIT_UTILS_HAVE_LIBPROC
+#include <libproc.h>
+#include <sys/time.h>
+#endif
 
 namespace git_utils {
 
 Environment current_environment() {
+#ifdef GIT_UTILS_HAVE_NSGETENVIRON
+    char** const all = *::_NSGetEnviron();
+#else
+    char** const all = environ;
+#endif
     std::size_t entries = 0, bytes = 0;
-    for (char** entry = environ; entry && *entry; ++entry, ++entries) bytes += std::strlen(*entry) + 1;
+    for (char** entry = all; entry && *entry; ++entry, ++entries) bytes += std::strlen(*entry) + 1;
     Environment env;
     env.reserve(entries, bytes);
-    for (char** entry = environ; entry && *entry; ++entry) env.add(*entry);
+    for (char** entry = all; entry && *entry; ++entry) env.add(*entry);
     return env;
 }
 
@@ -80,24 +100,34 @@ struct SpawnSetup {
 };
 
 // A pipe for one of git's outputs: our end non-blocking (a read never waits,
-// so the deadline is seen whatever git writes), git's end as usual.
+// so the deadline is seen whatever git writes), git's end as usual. Both
+// close on exec; without pipe2 they are marked a moment later, and then only
+// a start that closes what it was not given (as ours do) can be sure not to
+// take them along.
 void make_pipe(Fd& read_end, Fd& write_end) {
     int fds[2];
+#ifdef GIT_UTILS_HAVE_PIPE2
     if (::pipe2(fds, O_CLOEXEC) != 0) throw OsError(errno, "git");
     read_end.reset(fds[0]);
     write_end.reset(fds[1]);
+#else
+    if (::pipe(fds) != 0) throw OsError(errno, "git");
+    read_end.reset(fds[0]);
+    write_end.reset(fds[1]);
+    if (::fcntl(fds[0], F_SETFD, FD_CLOEXEC) != 0 || ::fcntl(fds[1], F_SETFD, FD_CLOEXEC) != 0)
+        throw OsError(errno, "git");
+#endif
     if (::fcntl(fds[0], F_SETFL, O_NONBLOCK) != 0) throw OsError(errno, "git");
-}
-
-ino_t inode_of(int fd) {
-    struct stat st;
-    return ::fstat(fd, &st) == 0 ? st.st_ino : 0;
 }
 
 // A pseudo-terminal slave for git's stdin (the master is kept open so the
 // slave never reports a hang-up).
 void open_terminal(Fd& master, Fd& slave) {
     master.reset(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+    if (master.get() < 0 && errno == EINVAL) {  // a system that takes no O_CLOEXEC here
+        master.reset(::posix_openpt(O_RDWR | O_NOCTTY));
+        if (master.get() >= 0) ::fcntl(master.get(), F_SETFD, FD_CLOEXEC);
+    }
     if (master.get() < 0) throw OsError(errno, "/dev/ptmx");
     char name[128];
     if (::grantpt(master.get()) != 0 || ::unlockpt(master.get()) != 0 ||
@@ -163,7 +193,7 @@ std::string failed_start_filename(const std::string& cwd) {
 }
 
 int pidfd_open(pid_t pid) {
-#ifdef SYS_pidfd_open
+#if defined(SYS_pidfd_open) && !defined(GIT_UTILS_NO_PIDFD)
     return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
 #else
     (void)pid;
@@ -180,12 +210,14 @@ void send_signal(pid_t pid, int pidfd, int sig) {
         ::syscall(SYS_pidfd_send_signal, pidfd, sig, nullptr, 0);
         return;
     }
+#else
+    (void)pidfd;
 #endif
     ::kill(pid, sig);
 }
 
 // Keeps the asynchronous signals of the calling thread waiting while the
-// runner works between two waits, and lets them in only inside ppoll: a
+// runner works between two waits, and lets them in only inside the wait: a
 // signal that arrives while output is being read then interrupts the next
 // wait, instead of being noticed only when git next writes or the deadline
 // comes. Signals that report a fault of this thread are never held.
@@ -200,8 +232,31 @@ public:
     SignalGate(const SignalGate&) = delete;
     SignalGate& operator=(const SignalGate&) = delete;
     ~SignalGate() { ::pthread_sigmask(SIG_SETMASK, &caller_, nullptr); }
-    // The caller's own mask, for ppoll.
-    const sigset_t* open() const { return &caller_; }
+
+    // Waits for `fds` until `timeout` passes (null: no limit), with the
+    // caller's signals let in during the wait only: a signal ends it with
+    // EINTR, after its handler ran.
+    int wait(pollfd* fds, nfds_t n, const timespec* timeout) {
+#ifdef GIT_UTILS_HAVE_PPOLL
+        return ::ppoll(fds, n, timeout, &caller_);
+#else
+        // Without ppoll (macOS) the signals stay held during poll, which
+        // waits 10 ms at most; one that came meanwhile is pending, and is let
+        // in here. A signal is seen within 10 ms, never lost.
+        if (!signal_pending()) {
+            int ms = 10;
+            if (timeout && timeout->tv_sec == 0 && timeout->tv_nsec < 10000000)
+                ms = static_cast<int>((timeout->tv_nsec + 999999) / 1000000);
+            const int ready = ::poll(fds, n, ms);
+            if (ready != 0 || !signal_pending()) return ready;
+        }
+        sigset_t held;
+        ::pthread_sigmask(SIG_SETMASK, &caller_, &held);  // the pending handlers run now
+        ::pthread_sigmask(SIG_SETMASK, &held, nullptr);
+        errno = EINTR;
+        return -1;
+#endif
+    }
     // Runs `hook` with the caller's mask (held signals are delivered first).
     bool call_open(const std::function<bool()>& hook) {
         sigset_t held;
@@ -218,19 +273,35 @@ public:
     }
 
 private:
+#ifndef GIT_UTILS_HAVE_PPOLL
+    // Whether a signal that the caller does not block itself is held.
+    bool signal_pending() const {
+        sigset_t pending;
+        if (::sigpending(&pending) != 0) return false;
+        for (int sig = 1; sig < NSIG; ++sig)
+            if (sigismember(&pending, sig) == 1 && sigismember(&caller_, sig) == 0) return true;
+        return false;
+    }
+#endif
     sigset_t caller_;
 };
 
-// What /proc/<pid>/stat says of a process: its parent, its process group,
-// and when it started (clock ticks since boot).
+// What the system says of a process: its parent, its process group, and when
+// it started (in the unit of start_mark()).
 struct ProcStat {
     pid_t ppid = 0;
     pid_t pgrp = 0;
     unsigned long long started = 0;
 };
 
-// Now, in the clock ticks of ProcStat::started.
-unsigned long long boot_ticks() {
+// What tells one of our pipes apart from every other: Linux, its inode (both
+// ends have it); macOS, the kernel's handle of its write end.
+using PipeId = unsigned long long;
+
+#if defined(GIT_UTILS_HAVE_PROC_FS)
+
+// Now, in the clock ticks since boot of /proc/<pid>/stat's start time.
+unsigned long long start_mark() {
     timespec now{};
     ::clock_gettime(CLOCK_BOOTTIME, &now);
     const long hz = ::sysconf(_SC_CLK_TCK);
@@ -262,15 +333,32 @@ bool read_stat(pid_t pid, ProcStat& st) {
     return true;
 }
 
-// Whether `pid` holds the write end of a pipe with one of `inodes`.
-bool holds_write_end(pid_t pid, const ino_t (&inodes)[2]) {
+// Calls `visit(pid)` for every process; stops when it returns false.
+template <class Visit>
+void for_each_process(Visit&& visit) {
+    std::unique_ptr<DIR, int (*)(DIR*)> proc(::opendir("/proc"), ::closedir);
+    if (!proc) return;
+    while (dirent* entry = ::readdir(proc.get())) {
+        char* end;
+        const long pid = std::strtol(entry->d_name, &end, 10);
+        if (pid > 0 && !*end && !visit(static_cast<pid_t>(pid))) return;
+    }
+}
+
+PipeId pipe_id(int fd) {
+    struct stat st;
+    return ::fstat(fd, &st) == 0 ? st.st_ino : 0;
+}
+
+// Whether `pid` holds the write end of a pipe with one of `ids`.
+bool holds_write_end(pid_t pid, const PipeId (&ids)[2]) {
     char path[48];
     std::snprintf(path, sizeof path, "/proc/%d/fd", static_cast<int>(pid));
     DIR* dir = ::opendir(path);
     if (!dir) return false;
     bool holds = false;
     char wanted[2][40];
-    for (int i = 0; i < 2; ++i) std::snprintf(wanted[i], sizeof wanted[i], "pipe:[%llu]", (unsigned long long)inodes[i]);
+    for (int i = 0; i < 2; ++i) std::snprintf(wanted[i], sizeof wanted[i], "pipe:[%llu]", ids[i]);
     while (dirent* entry = ::readdir(dir)) {
         char target[64];
         ssize_t n = ::readlinkat(::dirfd(dir), entry->d_name, target, sizeof target - 1);
@@ -297,25 +385,99 @@ bool holds_write_end(pid_t pid, const ino_t (&inodes)[2]) {
     return holds;
 }
 
+#elif defined(GIT_UTILS_HAVE_LIBPROC)
+
+// Now, in microseconds since the epoch, as libproc gives start times.
+unsigned long long start_mark() {
+    timeval now{};
+    ::gettimeofday(&now, nullptr);
+    return static_cast<unsigned long long>(now.tv_sec) * 1000000ULL + static_cast<unsigned long long>(now.tv_usec);
+}
+
+bool read_stat(pid_t pid, ProcStat& st) {
+    proc_bsdinfo info{};
+    if (::proc_pidinfo(pid, PROC_PIDTBSDINFO, 0, &info, sizeof info) != static_cast<int>(sizeof info)) return false;
+    st.ppid = static_cast<pid_t>(info.pbi_ppid);
+    st.pgrp = static_cast<pid_t>(info.pbi_pgid);
+    st.started = static_cast<unsigned long long>(info.pbi_start_tvsec) * 1000000ULL + info.pbi_start_tvusec;
+    return true;
+}
+
+template <class Visit>
+void for_each_process(Visit&& visit) {
+    std::vector<pid_t> pids(4096);
+    int n = 0;
+    for (;;) {
+        n = ::proc_listallpids(pids.data(), static_cast<int>(pids.size() * sizeof(pid_t)));
+        if (n <= 0) return;
+        if (static_cast<std::size_t>(n) < pids.size()) break;
+        pids.resize(pids.size() * 2);
+    }
+    for (int i = 0; i < n; ++i)
+        if (pids[static_cast<std::size_t>(i)] > 0 && !visit(pids[static_cast<std::size_t>(i)])) return;
+}
+
+// The handle of the write end of the pipe whose read end is `fd`.
+PipeId pipe_id(int fd) {
+    pipe_fdinfo info{};
+    if (::proc_pidfdinfo(::getpid(), fd, PROC_PIDFDPIPEINFO, &info, sizeof info) != static_cast<int>(sizeof info))
+        return 0;
+    return info.pipeinfo.pipe_peerhandle;
+}
+
+bool holds_write_end(pid_t pid, const PipeId (&ids)[2]) {
+    std::vector<proc_fdinfo> fds(256);
+    int bytes = 0;
+    for (;;) {
+        bytes = ::proc_pidinfo(pid, PROC_PIDLISTFDS, 0, fds.data(), static_cast<int>(fds.size() * sizeof(proc_fdinfo)));
+        if (bytes <= 0) return false;
+        if (static_cast<std::size_t>(bytes) < fds.size() * sizeof(proc_fdinfo)) break;
+        fds.resize(fds.size() * 2);
+    }
+    for (std::size_t i = 0; i < static_cast<std::size_t>(bytes) / sizeof(proc_fdinfo); ++i) {
+        if (fds[i].proc_fdtype != PROX_FDTYPE_PIPE) continue;
+        pipe_fdinfo info{};
+        if (::proc_pidfdinfo(pid, fds[i].proc_fd, PROC_PIDFDPIPEINFO, &info, sizeof info) != static_cast<int>(sizeof info))
+            continue;
+        const PipeId handle = info.pipeinfo.pipe_handle;
+        if (handle != 0 && (handle == ids[0] || handle == ids[1])) return true;
+    }
+    return false;
+}
+
+#else
+
+// No way to list processes: a timeout ends git and its process group only.
+unsigned long long start_mark() { return 0; }
+bool read_stat(pid_t, ProcStat&) { return false; }
+template <class Visit>
+void for_each_process(Visit&&) {}
+PipeId pipe_id(int) { return 0; }
+bool holds_write_end(pid_t, const PipeId (&)[2]) { return false; }
+
+#endif
+
 // Stops, then kills, everything one run started and may still be running:
 // git's descendants (followed through parent links, also those that left its
 // process group), the members of git's own process group when it has one,
 // and, while one of our pipes is still open, every process that holds its
 // write end (a grandchild whose parent exited belongs to init by now, and
 // can be found only that way). Each process is stopped as soon as it is
-// found, so that it starts nothing new, and /proc is read again until a pass
-// finds nobody new; then all of them are killed.
+// found, so that it starts nothing new, and the process table (/proc, or
+// libproc on macOS) is read again until a pass finds nobody new; then all of
+// them are killed.
 //
 // Only processes that started after git can be taken (which also keeps the
-// pass short: most of /proc is rejected on one read). A process is signalled
-// through a pidfd opened after it was found, and only if it still meets the
-// test that found it after the pidfd was opened: a pid that was reused in
-// between names a process that fails the test. The host's own children other
+// pass short: most processes are rejected on one read). A process is
+// signalled through a pidfd opened after it was found, and only if it still
+// meets the test that found it after the pidfd was opened: a pid that was
+// reused in between names a process that fails the test (without pidfds, as
+// on macOS, it is signalled by pid right after the test). The host's own children other
 // than git (other runs, a fork() of the host) are never taken.
 class Sweep {
 public:
     Sweep(pid_t git, int git_pidfd, bool git_gone, unsigned long long git_started, bool own_group,
-          const ino_t (&pipes)[2], bool pipes_open, bool use_pidfd)
+          const PipeId (&pipes)[2], bool pipes_open, bool use_pidfd)
         : git_(git), git_pidfd_(git_pidfd), git_gone_(git_gone), own_group_(own_group), pipes_open_(pipes_open),
           use_pidfd_(use_pidfd), self_(::getpid()), git_started_(git_started) {
         pipes_[0] = pipes[0];
@@ -346,22 +508,18 @@ private:
         return pipes_open_ && holds_write_end(pid, pipes_);
     }
 
-    // One pass over /proc; true when it found someone new.
+    // One pass over the process table; true when it found someone new.
     bool find_more() {
-        std::unique_ptr<DIR, int (*)(DIR*)> proc(::opendir("/proc"), ::closedir);
-        if (!proc) return false;
         bool more = false;
-        while (dirent* entry = ::readdir(proc.get())) {
-            char* end;
-            long pid = std::strtol(entry->d_name, &end, 10);
-            if (pid <= 0 || *end || pid == self_ || known(static_cast<pid_t>(pid)) || !ours(static_cast<pid_t>(pid)))
-                continue;
-            Fd fd(use_pidfd_ ? pidfd_open(static_cast<pid_t>(pid)) : -1);
-            if (fd.get() >= 0 && !ours(static_cast<pid_t>(pid))) continue;
-            auto& [found_pid, found_fd] = found_.emplace_back(static_cast<pid_t>(pid), std::move(fd));
+        for_each_process([&](pid_t pid) {
+            if (pid == self_ || known(pid) || !ours(pid)) return true;
+            Fd fd(use_pidfd_ ? pidfd_open(pid) : -1);
+            if (fd.get() >= 0 && !ours(pid)) return true;
+            auto& [found_pid, found_fd] = found_.emplace_back(pid, std::move(fd));
             send_signal(found_pid, found_fd.get(), SIGSTOP);
             more = true;
-        }
+            return true;
+        });
         return more;
     }
 
@@ -370,7 +528,7 @@ private:
     bool git_gone_, own_group_, pipes_open_, use_pidfd_;
     pid_t self_;
     unsigned long long git_started_;
-    ino_t pipes_[2];
+    PipeId pipes_[2];
     std::vector<std::pair<pid_t, Fd>> found_;
 };
 
@@ -426,8 +584,8 @@ public:
         // pipes are closed: where the kernel reaps git itself, its pid must
         // not be signalled after that.
         if (!exited_) learn_exit(false);
-        const ino_t inodes[2] = {inode_of(pipes_[0]), inode_of(pipes_[1])};
-        Sweep(pid_, pidfd_.get(), gone_, started_, own_group_, inodes, pipes_open, use_pidfd_).run();
+        const PipeId ids[2] = {pipe_id(pipes_[0]), pipe_id(pipes_[1])};
+        Sweep(pid_, pidfd_.get(), gone_, started_, own_group_, ids, pipes_open, use_pidfd_).run();
         if (!gone_) {
             if (own_group_) ::kill(-pid_, SIGKILL);  // git's group id is still held by git
             send_signal(pid_, pidfd_.get(), SIGKILL);
@@ -450,7 +608,7 @@ public:
 
 private:
     pid_t pid_;
-    unsigned long long started_;  // no later than git's start, in ProcStat::started ticks
+    unsigned long long started_;  // no later than git's start, in start_mark() units
     Fd pidfd_;
     bool own_group_, use_pidfd_;
     int pipes_[2];
@@ -485,8 +643,10 @@ Outcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
     Stream streams[2] = {{Fd(), out}, {Fd(), err}};
     make_pipe(streams[0].fd, out_w);
     make_pipe(streams[1].fd, err_w);
+#ifdef F_SETPIPE_SZ
     // Bigger pipes mean fewer wake-ups for large outputs; failure is harmless.
     ::fcntl(streams[0].fd.get(), F_SETPIPE_SZ, 1 << 20);
+#endif
     const int pipes[2] = {streams[0].fd.get(), streams[1].fd.get()};
 
     SpawnSetup setup;
@@ -499,8 +659,14 @@ Outcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
     posix_spawn_file_actions_adddup2(&setup.actions, out_w.get(), 1);
     posix_spawn_file_actions_adddup2(&setup.actions, err_w.get(), 2);
     posix_spawn_file_actions_addchdir_np(&setup.actions, request.cwd.c_str());
+    short flags = POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK;
     // Like subprocess's close_fds: git inherits nothing but 0, 1 and 2.
+#if defined(GIT_UTILS_HAVE_SPAWN_ADDCLOSEFROM)
     posix_spawn_file_actions_addclosefrom_np(&setup.actions, 3);
+#elif defined(GIT_UTILS_HAVE_SPAWN_CLOEXEC_DEFAULT)
+    flags |= POSIX_SPAWN_CLOEXEC_DEFAULT;  // everything not named by a file action closes
+    if (request.stdin_mode == StdinMode::Inherit) posix_spawn_file_actions_addinherit_np(&setup.actions, 0);
+#endif
 
     // Signals the host ignores or blocks are not git's business: SIGPIPE and
     // SIGXFSZ back to their defaults as subprocess does, and SIGCHLD too (git
@@ -512,7 +678,6 @@ Outcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
     for (int sig : {SIGPIPE, SIGXFSZ, SIGCHLD}) sigaddset(&defaults, sig);
     posix_spawnattr_setsigdefault(&setup.attr, &defaults);
     posix_spawnattr_setsigmask(&setup.attr, &empty);
-    short flags = POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK;
     const bool own_group = !caller_is_foreground_job();
     if (own_group) {
         posix_spawnattr_setpgroup(&setup.attr, 0);
@@ -532,7 +697,7 @@ Outcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
     envp.push_back(nullptr);
     const std::string program = find_git(request.env, request.cwd);
 
-    const unsigned long long started = boot_ticks();
+    const unsigned long long started = start_mark();
     pid_t pid = -1;
     int rc = ::posix_spawn(&pid, program.c_str(), &setup.actions, &setup.attr, argv.data(), envp.data());
     if (rc != 0) {
@@ -582,7 +747,7 @@ Outcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
             for (int i = 0; i < 2; ++i)
                 if (streams[i].open) fds[at[i] = static_cast<int>(n++)] = {streams[i].fd.get(), POLLIN, 0};
             if (!child.exited() && child.pidfd() >= 0) fds[at[2] = static_cast<int>(n++)] = {child.pidfd(), POLLIN, 0};
-            if (::ppoll(fds, n, wait_for, gate.open()) < 0) {
+            if (gate.wait(fds, n, wait_for) < 0) {
                 if (errno != EINTR) throw std::system_error(errno, std::generic_category(), "poll");
                 if (request.on_interrupt && gate.call_open(request.on_interrupt)) {
                     child.stop_everything(reading);
