@@ -17,19 +17,19 @@ public:
     explicit TimeSteps(const Call& call)
         : call_(call), pattern_(call.get(_RELATIVE_SPEC)), datetime_(call.get(datetime)) {}
 
-    std::optional<RelativeSpec> match_relative(std::string_view spec) {
-        if (call_.is_own(_RELATIVE_SPEC, pattern_)) return match_relative_spec(spec);
-        Ref text = str_from_utf8(spec);
+    std::optional<RelativeSince> match_relative(std::string_view trimmed) {
+        if (call_.is_own(_RELATIVE_SPEC, pattern_)) return match_relative_since(trimmed);
+        Ref text = str_from_utf8(trimmed);
         Ref m = call_method(pattern_.get(), "fullmatch", {text.get()});
         if (m.get() == Py_None) return std::nullopt;
         Ref digits = call_method(m.get(), "group", {small_int(1).get()});
         Ref unit = call_method(m.get(), "group", {small_int(2).get()});
         digits_ = str_argument(digits.get(), "parse_time_spec", "_RELATIVE_SPEC group 1");
         unit_ = str_argument(unit.get(), "parse_time_spec", "_RELATIVE_SPEC group 2");
-        return RelativeSpec{digits_, unit_};
+        return RelativeSince{digits_, unit_};
     }
 
-    Result relative(const RelativeSpec& rel) {
+    Result relative(const RelativeSince& rel) {
         // now - timedelta(**{_SPEC_UNITS[unit]: amount})
         Ref units = call_.get(_SPEC_UNITS);
         Ref letter = str_from_utf8(rel.unit);

@@ -394,18 +394,18 @@ bool positive_amount(std::string_view digits) {
     return any;
 }
 
-std::optional<RelativeSpec> match_relative_spec(std::string_view spec) {
-    if (spec.size() < 2) return std::nullopt;
-    const std::string_view unit = spec.substr(spec.size() - 1);
+std::optional<RelativeSince> match_relative_since(std::string_view trimmed) {
+    if (trimmed.size() < 2) return std::nullopt;
+    const std::string_view unit = trimmed.substr(trimmed.size() - 1);
     bool known = false;
     for (const SpecUnit& u : SPEC_UNITS) known = known || u.letter == unit;
     if (!known) return std::nullopt;
     // The unit is one ASCII byte, so the digits end on a character boundary.
-    const std::string_view digits = spec.substr(0, spec.size() - 1);
+    const std::string_view digits = trimmed.substr(0, trimmed.size() - 1);
     std::size_t pos = 0;
     while (pos < digits.size())
         if (read_decimal_digit(digits, pos) < 0) return std::nullopt;
-    return RelativeSpec{digits, unit};
+    return RelativeSince{digits, unit};
 }
 
 std::optional<std::uint64_t> unit_micros(std::string_view name) {
@@ -428,8 +428,8 @@ Moment subtract_span(const Moment& now, std::string_view digits, std::uint64_t u
     return from_micros(start - static_cast<std::int64_t>(span));
 }
 
-Moment parse_iso_since(std::string_view since, std::string_view spec) {
-    const auto iso = spec.empty() ? std::nullopt : parse_iso(spec);
+Moment parse_iso_since(std::string_view since, std::string_view trimmed) {
+    const auto iso = trimmed.empty() ? std::nullopt : parse_iso(trimmed);
     if (!iso) throw_invalid_since(since);
     if (!iso->offset) return from_micros(iso->wall_micros);
     // Both ends are inside the calendar and the offset is below a day, so
@@ -499,8 +499,8 @@ namespace {
 struct NativeTimeSteps {
     using Result = Moment;
     const Moment* now;
-    std::optional<RelativeSpec> match_relative(std::string_view spec) { return match_relative_spec(spec); }
-    Moment relative(const RelativeSpec& rel) {
+    std::optional<RelativeSince> match_relative(std::string_view trimmed) { return match_relative_since(trimmed); }
+    Moment relative(const RelativeSince& rel) {
         for (const SpecUnit& u : SPEC_UNITS)
             if (u.letter == rel.unit) return subtract_span(now ? *now : local_now(), rel.digits, *unit_micros(u.name));
         throw std::invalid_argument("unknown unit of a relative since value");

@@ -19,7 +19,7 @@ namespace git_utils {
 
 // A relative form as its pattern matched it: the amount's digits and the
 // unit, as views that the match step keeps alive.
-struct RelativeSpec {
+struct RelativeSince {
     std::string_view digits;
     std::string_view unit;
 };
@@ -41,16 +41,16 @@ std::string outside_calendar_message(std::string_view since);
 // Whether `digits` are all Unicode decimal digits and not all zero.
 bool positive_amount(std::string_view digits);
 
-// The ISO 8601 reading of the trimmed `spec` (`since` as given, for the
+// The ISO 8601 reading of `trimmed` (`since` stripped; `since` as given, for the
 // errors): the local wall-clock moment, an instant with a zone converted
 // with the system's zone rules in force now.
-Moment parse_iso_since(std::string_view since, std::string_view spec);
+Moment parse_iso_since(std::string_view since, std::string_view trimmed);
 
 // The relative form with the library's own pattern: digits (any Unicode
 // decimal digits), then one of the unit letters, and nothing else. Its
 // regular expression, for the host:
 inline constexpr const char* RELATIVE_SPEC_PATTERN = "(\\d+)([mhdw])";
-std::optional<RelativeSpec> match_relative_spec(std::string_view spec);
+std::optional<RelativeSince> match_relative_since(std::string_view trimmed);
 
 // The unit letters of the relative form and the names of their units (the
 // keyword names of Python's timedelta).
@@ -70,13 +70,13 @@ Moment subtract_span(const Moment& now, std::string_view digits, std::uint64_t u
 
 // `parse_time_spec`. `Steps` provides:
 //   using Result;
-//   std::optional<RelativeSpec> match_relative(std::string_view spec);  // the whole of spec, or none
-//   Result relative(const RelativeSpec&);   // now minus the span; throws OutsideCalendar
+//   std::optional<RelativeSince> match_relative(std::string_view trimmed);  // all of it, or none
+//   Result relative(const RelativeSince&);   // now minus the span; throws OutsideCalendar
 //   Result local(const Moment&);            // a moment of the ISO reading
 template <class Steps>
 typename Steps::Result parse_time_spec_with(Steps& steps, std::string_view since) {
-    const std::string_view spec = strip(since);
-    if (const std::optional<RelativeSpec> rel = steps.match_relative(spec)) {
+    const std::string_view trimmed = strip(since);
+    if (const std::optional<RelativeSince> rel = steps.match_relative(trimmed)) {
         // An amount of 0 is no period; the ISO reading is not tried for it.
         if (!positive_amount(rel->digits)) throw_invalid_since(since);
         try {
@@ -85,7 +85,7 @@ typename Steps::Result parse_time_spec_with(Steps& steps, std::string_view since
             throw_outside_calendar(since);
         }
     }
-    return steps.local(parse_iso_since(since, spec));
+    return steps.local(parse_iso_since(since, trimmed));
 }
 
 }  // namespace git_utils

@@ -46,9 +46,9 @@ void write_pattern(DWORD which, unsigned long long n) {
     }
 }
 
-void grandchild(const wchar_t* spec) {
+void grandchild(const wchar_t* step) {
     wchar_t* file = nullptr;
-    const unsigned long ms = std::wcstoul(spec, &file, 10);
+    const unsigned long ms = std::wcstoul(step, &file, 10);
     wchar_t self[MAX_PATH];
     GetModuleFileNameW(nullptr, self, MAX_PATH);
     std::wstring line = L"git run s" + std::to_wstring(ms);
