@@ -62,6 +62,7 @@ def test_file_changes(tokens, expected):
 @pytest.mark.parametrize("field, expected", [
     ("0", 0), ("42", 42), ("007", 7), (str(BIG), BIG), ("-", 0), ("", 0), ("+1", 0), (" 1", 0), ("1 ", 0),
     ("1.0", 0), ("x1", 0), ("\u00b2", 0), ("1\u00b2", 0), ("\u0663\u0660", 30),
+    pytest.param("9" * 5000, 10**5000 - 1, id="beyond int()'s limit on digit strings"),
 ])
 def test_line_count(field, expected):
     assert g._line_count(field) == expected and type(g._line_count(field)) is int
@@ -279,6 +280,15 @@ VARIANTS = {  # the same edits (name, key, value) or replacements (name, None, v
     "two-path letters replaced": [("_TWO_PATH_LETTERS", None, frozenset({"R"}))],
     "escape table edited": [("_C_ESCAPES", "n", "N"), ("_C_ESCAPES", "q", "\\"), ("_C_ESCAPES", "é", "E")],
     "escape pattern replaced": [("_C_ESCAPE", None, re.compile(r"\\([0-3][0-7]{2}|.)", re.DOTALL))],
+    # The helpers, record classes and markers are looked up at each call, the host's own as much as the module's.
+    "helpers replaced": [("_line_count", None, len), ("_span", None, lambda *args: args),
+                         ("_patch_path", None, lambda text: None if text == "a" else text.upper()),
+                         ("_unquote", None, lambda text: f"U[{text}]")],
+    "token reader replaced": [("_file_changes", None, lambda tokens: [type(tokens).__name__, *tokens])],
+    "record classes replaced": [("LineSpan", None, collections.namedtuple("LS", "start end added")),
+                                ("FileChange", None, collections.namedtuple("FC", "path status additions deletions old_path")),
+                                ("CommitChanges", None, collections.namedtuple("CC", "timestamp files"))],
+    "markers replaced": [("_HUNK_HEADER", None, re.compile(r"@@ -(\d+) \+(\d+),(\d+) @@")), ("_COMMIT_START", None, "1")],
 }
 
 
@@ -299,76 +309,16 @@ def test_agrees_with_baseline(kind, variant, ref, module_state, monkeypatch):
         assert outcome(getattr(g, kind), case) == outcome(getattr(ref, kind), case), case
 
 
-# --- call-time lookup through the module namespace -----------------------------------------------
-
-RAW = "\0".join([HEAD + "M", "a", "2\t1\ta", HEAD + "C50", "s", "d", "1\t0\t", "s", "d", HEAD + "A", "n", ""])
-PATCH_TEXT = '+++ a\n@@ -1,2 +3 @@\n-x\n-y\n+z\n+++ "q\\tr"\t\n@@ -0,0 +1,2 @@\n+1\n+2\n+++ /dev/null\n@@ -1 +0,0 @@\n-x\n'
-
-
-def test_replaced_line_count_reads_every_count_and_the_own_one_has_no_digit_limit(module_state):
-    assert g._line_count("9" * 5000) == 10**5000 - 1  # beyond int()'s limit on digit strings
-    seen = []
-    module_state._line_count = lambda field: seen.append(field) or len(field)
-    assert records(g.parse_file_changes(RAW)) == [("a", "modified", 1, 1, None), ("d", "copied", 1, 1, "s"),
-                                                  ("n", "added", 0, 0, None)]
-    assert seen == ["2", "1", "1", "0"]
-
-
-def test_replaced_file_changes_receives_str_tokens(module_state):
-    calls = []
-    module_state._file_changes = lambda tokens: calls.append(tokens) or ["X"]
-    assert g.parse_file_changes("a\0b\0") == ["X"]
-    commits = g.parse_commit_changes("junk\0" + RS + " 7\0\nA\0B\0" + RS + "8\0")
-    assert [(c.timestamp, c.files) for c in commits] == [(7, ("X",)), (8, ("X",))]
-    assert calls == [["a", "b", ""], ["\nA", "B"], [""]] and all(type(c) is list for c in calls)
-
-
-def test_replaced_span_patch_path_and_unquote_are_used(module_state):
-    own_span = g._span
-    module_state._span = lambda *args: args
-    assert g.parse_line_spans(PATCH_TEXT) == {"a": [(3, 1, 2)], "q\tr": [(1, 2, 0)]}
-    module_state._span = own_span
-    module_state._unquote = lambda text: f"U[{text}]"
-    assert list(g.parse_line_spans(PATCH_TEXT)) == ["a", "U[q\\tr]"] and g._patch_path('"x"') == "U[x]"
-    seen = []
-    module_state._patch_path = lambda text: seen.append(text) or (None if text == "a" else text.upper())
-    assert spans(g.parse_line_spans(PATCH_TEXT)) == {'"Q\\TR"\t': [(1, 2, True)], "/DEV/NULL": [(1, 1, False)]}
-    assert seen == ["a", '"q\\tr"\t', "/dev/null"]
-
-
-def test_replaced_record_classes_are_built(module_state):
-    module_state.LineSpan = collections.namedtuple("LS", "start end added")
-    module_state.FileChange = collections.namedtuple("FC", "path status additions deletions old_path")
-    module_state.CommitChanges = collections.namedtuple("CC", "timestamp files")
-    assert g.parse_line_spans(PATCH_TEXT)["a"] == [g.LineSpan(3, 3, False)] and type(g._span(1, 1, 0)) is g.LineSpan
-    assert g.parse_file_changes(RAW)[1] == g.FileChange("d", "copied", 1, 0, "s")
-    commit = g.parse_commit_changes(RS + "1\0" + RAW)[0]
-    assert type(commit) is g.CommitChanges and type(commit.files[0]) is g.FileChange
-
-
-@pytest.mark.parametrize("name, value, call, expected", [
-    ("_HUNK_HEADER", re.compile(r"## -(\d+) \+(\d+),(\d+) ##"), lambda: spans(g.parse_line_spans("+++ a\n## -1 +2,3 ##")),
-     {"a": [(2, 4, False)]}),
-    ("_COMMIT_START", "\x1d", lambda: [c.timestamp for c in g.parse_commit_changes("\x1d5\0")], [5]),
-])
-def test_other_constants_are_read_at_each_call(module_state, name, value, call, expected):
-    setattr(module_state, name, value)
-    assert call() == expected
-
-
-@pytest.mark.parametrize("parsed, built", [
-    (lambda: g.parse_file_changes(RAW)[1], lambda: g.FileChange("d", "copied", 1, 0, "s")),
-    (lambda: g.parse_file_changes(RAW)[0], lambda: g.FileChange("a", "modified", 2, 1)),
-    (lambda: g.parse_commit_changes(RS + "1\0" + RAW)[0], lambda: g.CommitChanges(1, tuple(g.parse_file_changes(RAW)))),
-    (lambda: g.parse_line_spans(PATCH_TEXT)["q\tr"][0], lambda: g.LineSpan(1, 2, True)),
-])
-def test_parsed_records_are_plain_records(parsed, built):
-    record, twin = parsed(), built()
-    assert type(record) is type(twin) and record == twin and hash(record) == hash(twin)
-    assert repr(record) == repr(twin) and dataclasses.asdict(record) == dataclasses.asdict(twin)
-    assert list(vars(record).items()) == list(vars(twin).items())
-    with pytest.raises(dataclasses.FrozenInstanceError):
-        record.start = 0
+def test_parsed_records_are_plain_records():
+    raw = "\0".join([HEAD + "C50", "s", "d", "1\t0\t", "s", "d", ""])
+    pairs = [(g.parse_file_changes(raw)[0], g.FileChange("d", "copied", 1, 0, "s")),
+             (g.parse_commit_changes(RS + "1\0" + raw)[0], g.CommitChanges(1, (g.FileChange("d", "copied", 1, 0, "s"),))),
+             (g.parse_line_spans("+++ a\n@@ -0,0 +1,2 @@\n")["a"][0], g.LineSpan(1, 2, True))]
+    for record, twin in pairs:
+        assert type(record) is type(twin) and record == twin and hash(record) == hash(twin)
+        assert repr(record) == repr(twin) and list(vars(record).items()) == list(vars(twin).items())
+        with pytest.raises(dataclasses.FrozenInstanceError):
+            record.start = 0
 
 
 # --- lone surrogates, which no encoding takes -------------------------------------------------

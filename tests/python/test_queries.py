@@ -104,81 +104,45 @@ LOG = ["log", "--since=2026-09-01 14:05:09", "--max-count=5", "--no-show-signatu
 SYM, RPV = ["symbolic-ref", "refs/remotes/origin/HEAD"], ["rev-parse", "--verify"]
 
 
-class Recorder:
-    """Answers git runs from a list of triples (the last one repeats)."""
+def install(module, answers, via="runner"):
+    """Answers git runs from a list of triples (the last one repeats) and records them."""
+    rec = SimpleNamespace(calls=[], roots=[])
 
-    def __init__(self, answers):
-        self.answers, self.calls, self.roots = list(answers), [], []
+    def run(repo_root, args):
+        rec.calls.append(list(args))
+        rec.roots.append(repo_root)
+        return answers[min(len(rec.calls), len(answers)) - 1]
 
-    def run(self, repo_root, args):
-        self.calls.append(list(args))
-        self.roots.append(repo_root)
-        return self.answers[min(len(self.calls), len(self.answers)) - 1]
-
-    def output(self, repo_root, args):
-        out, err, rc = self.run(repo_root, args)
+    def output(repo_root, args):
+        out, err, rc = run(repo_root, args)
         if rc != 0:
-            raise g.GitError(err.strip() or f"git exited with code {rc}")
+            raise g.GitError(err.strip())
         return out
 
-
-def install(module, answers, via="runner"):
-    rec = Recorder(answers)
-    module.run_git_command = rec.run
+    module.run_git_command = run
     if via == "checked":  # the strict queries then go straight to the replaced checked wrapper
-        module._git_output = rec.output
+        module._git_output = output
     return rec
 
 
+# Only what real git cannot show: lenient readings of odd answers, the order of the
+# fallbacks, dates before the year 1000, and which runner a strict query goes through.
 @pytest.mark.parametrize("via", ["runner", "checked"])
-@pytest.mark.parametrize(
-    "call, answers, calls, result",
-    [
-        (lambda: g.diff_file_changes(ROOT, "main", "topic"), [OK],
-         [["diff", "--raw", "--numstat", "-M", "-z", "--no-textconv", "main...topic"]], []),
-        (lambda: g.log_commit_changes(ROOT, since=MOMENT, ref=None, max_commits=5), [OK], [LOG], []),
-        (lambda: g.log_commit_changes(ROOT, since=MOMENT, ref="0123abc", max_commits=5), [OK],
-         [LOG + ["0123abc"]], []),
-        (lambda: g.diff_line_spans(ROOT, "main", "feature", merge_base=True), [OK],
-         [PATCH + ["--diff-filter=MR", "main...feature"]], {}),
-        (lambda: g.diff_line_spans(ROOT, "main", "feature", merge_base=False, paths=["src/a.c", "b c"],
-                                   diff_filter="MRA"), [OK],
-         [PATCH + ["--diff-filter=MRA", "main", "feature", "--", "src/a.c", "b c"]], {}),
-        (lambda: g.diff_line_spans(ROOT, "a", "b", merge_base=True, paths=(), diff_filter=""), [OK],
-         [PATCH + ["--diff-filter=", "a...b"]], {}),
-        (lambda: g.get_head_commit(ROOT), [("abc1234\n", "", 0)], [["rev-parse", "--short", "HEAD"]], "abc1234"),
-        (lambda: g.get_head_commit(ROOT, False), [("HEAD\n", "fatal: x\n", 128)], [["rev-parse", "HEAD"]], None),
-        (lambda: g.resolve_commit(ROOT, "v1"), [("f" * 40 + "\n", "", 0)],
-         [["rev-parse", "--verify", "--quiet", "v1^{commit}"]], "f" * 40),
-        (lambda: g.resolve_commit(ROOT, "-x"), [OK], [], None),
-        (lambda: g.resolve_commit(ROOT, "--all"), [OK], [], None),
-        (lambda: g.resolve_commit(ROOT, ""), [OK], [], None),
-        (lambda: g.count_commits(ROOT, "main", "topic"), [(" 3\n", "", 0)], [["rev-list", "--count", "main..topic"]], 3),
-        (lambda: g.count_commits(ROOT, "main", "topic"), [("\n", "", 0)], [["rev-list", "--count", "main..topic"]], 0),
-        (lambda: g.count_commits(ROOT, "x", "y"), [FAIL], [["rev-list", "--count", "x..y"]], g.GitError),
-        (lambda: g.commit_before(ROOT, "main", MOMENT), [("abc\n", "", 0)],
-         [["rev-list", "-1", "--before=2026-09-01 14:05:09", "main"]], "abc"),
-        (lambda: g.commit_before(ROOT, "-main", datetime(999, 1, 2, 3, 4, 5)), [("\n", "", 0)],
-         [["rev-list", "-1", "--before=0999-01-02 03:04:05", "-main"]], None),
-        (lambda: g.get_authors_for_period(ROOT, " 2026-09-01"), [("    12\tJane Roe <jane@x.org>\n", "", 0)],
-         [["shortlog", "--since=2026-09-01 00:00:00", "-sne"]], [{"name": "Jane Roe", "email": "jane@x.org", "commits": 12}]),
-        (lambda: g.get_authors_for_period(ROOT, "0d"), [OK], [], ValueError),
-        (lambda: g.get_authors_for_period(ROOT, "2026-09-01"), [FAIL],
-         [["shortlog", "--since=2026-09-01 00:00:00", "-sne"]], []),
-        (lambda: g.resolve_display_branch(ROOT), [(" feature/x\n", "", 0)], [["branch", "--show-current"]], "feature/x"),
-        (lambda: g.checked_out_branch(ROOT), [("\n", "", 0)], [["branch", "--show-current"]], None),
-        (lambda: g.get_default_branch(ROOT), [("refs/remotes/origin/develop\n", "", 0)], [SYM], "develop"),
-        (lambda: g.get_default_branch(ROOT), [("refs/heads/odd\n", "", 0)], [SYM], "refs/heads/odd"),
-        (lambda: g.get_default_branch(ROOT), [FAIL, OK], [SYM, RPV + ["main"]], "main"),
-        (lambda: g.get_default_branch(ROOT), [(" \n", "", 0), FAIL, OK], [SYM, RPV + ["main"], RPV + ["master"]],
-         "master"),
-        (lambda: g.get_default_branch(ROOT), [FAIL], [SYM, RPV + ["main"], RPV + ["master"]], "main"),
-        (lambda: g.branch_exists(ROOT, "feature"), [OK], [RPV + ["feature"]], True),
-        (lambda: g.branch_exists(ROOT, "feature"), [FAIL, OK], [RPV + ["feature"], RPV + ["origin/feature"]], True),
-        (lambda: g.branch_exists(ROOT, "x"), [FAIL], [RPV + ["x"], RPV + ["origin/x"]], False),
-        (lambda: g.branch_exists(ROOT, "origin/x"), [FAIL], [RPV + ["origin/x"]], False),
-    ],
-)
+@pytest.mark.parametrize("call, answers, calls, result", [
+    (lambda: g.log_commit_changes(ROOT, since=MOMENT, ref="0123abc", max_commits=5), [OK], [LOG + ["0123abc"]], []),
+    (lambda: g.diff_line_spans(ROOT, "main", "feature", merge_base=False, paths=["src/a.c", "b c"], diff_filter="MRA"),
+     [OK], [PATCH + ["--diff-filter=MRA", "main", "feature", "--", "src/a.c", "b c"]], {}),
+    (lambda: g.count_commits(ROOT, "main", "topic"), [("\n", "", 0)], [["rev-list", "--count", "main..topic"]], 0),
+    (lambda: g.count_commits(ROOT, "x", "y"), [FAIL], [["rev-list", "--count", "x..y"]], g.GitError),
+    (lambda: g.commit_before(ROOT, "-main", datetime(999, 1, 2, 3, 4, 5)), [("\n", "", 0)],
+     [["rev-list", "-1", "--before=0999-01-02 03:04:05", "-main"]], None),
+    (lambda: g.get_authors_for_period(ROOT, " 2026-09-01"), [("    12\tJane Roe <jane@x.org>\n", "", 0)],
+     [["shortlog", "--since=2026-09-01 00:00:00", "-sne"]], [{"name": "Jane Roe", "email": "jane@x.org", "commits": 12}]),
+    (lambda: g.get_authors_for_period(ROOT, "0d"), [OK], [], ValueError),
+    (lambda: g.get_default_branch(ROOT), [("refs/heads/odd\n", "", 0)], [SYM], "refs/heads/odd"),
+    (lambda: g.get_default_branch(ROOT), [(" \n", "", 0), FAIL, OK], [SYM, RPV + ["main"], RPV + ["master"]], "master"),
+    (lambda: g.branch_exists(ROOT, "origin/x"), [FAIL], [RPV + ["origin/x"]], False),
+])
 def test_git_argument_lists(module_state, via, call, answers, calls, result):
     rec = install(module_state, answers, via)
     if result in (g.GitError, ValueError):
@@ -186,8 +150,7 @@ def test_git_argument_lists(module_state, via, call, answers, calls, result):
             call()
     else:
         assert call() == result
-    assert rec.calls == calls
-    assert all(root is ROOT for root in rec.roots)
+    assert rec.calls == calls and all(root is ROOT for root in rec.roots)
 
 
 def test_paths_are_batched_by_characters_within_the_budget(module_state):
@@ -198,13 +161,9 @@ def test_paths_are_batched_by_characters_within_the_budget(module_state):
     assert g._path_batches(paths) == expected
     assert g.diff_line_spans(ROOT, "a", "b", merge_base=True, paths=paths) == {}
     assert rec.calls == [PATCH + ["--diff-filter=MR", "a...b", "--", *batch] for batch in expected]
-
-
-def test_replaced_path_batches_decide_the_commands(module_state):
-    rec = install(module_state, [OK])
-    module_state._path_batches = lambda paths: [["b"], ["a", "c"]]
+    module_state._path_batches = lambda paths: [["b"], ["a", "c"]]  # the host's own batches decide the commands
     g.diff_line_spans(ROOT, "a", "b", merge_base=True, paths=["a", "b", "c"])
-    assert [args[args.index("--") + 1:] for args in rec.calls] == [["b"], ["a", "c"]]
+    assert [args[args.index("--") + 1:] for args in rec.calls[len(expected):]] == [["b"], ["a", "c"]]
 
 
 def test_later_batch_replaces_a_paths_spans_in_place(module_state):
@@ -248,7 +207,6 @@ def test_log_commit_changes_against_git(world):
     merged = g.log_commit_changes(world.hist, since=early, ref=world.merge, max_commits=10)
     assert [c.timestamp for c in merged] == [STAMP["merge"], STAMP["c3"], STAMP["c2"], STAMP["c1"]]
     assert merged[0].files == ()
-    assert g.log_commit_changes(world.hist, since=early, ref=world.merge, max_commits=1) == merged[:1]
     since_c2 = datetime.fromtimestamp(STAMP["c2"])
     assert g.log_commit_changes(world.hist, since=since_c2, ref=world.merge, max_commits=10) == merged[:3]
     assert g.log_commit_changes(world.hist, since=early, ref="feature", max_commits=1) == [
@@ -322,11 +280,11 @@ AUTHORS = [{"name": "Ada Tester", "email": "ada@example.com", "commits": 2},
 
 
 def test_authors_of_a_period(world):
-    authors = g.get_authors_for_period(world.authors)
-    assert sorted(authors, key=str) == sorted(AUTHORS, key=str) and authors[0] == AUTHORS[0]
     assert {a["email"] for a in g.get_authors_for_period(world.authors, "2015-01-01")} == {
         "old@example.com", *(a["email"] for a in AUTHORS)}
     assert g.get_authors_for_period(world.authors, "1h") == []
+    # git 2.39 reads an empty log from the (ending) standard input here and exits 0.
+    assert g.get_authors_for_period(world.empty) == g.get_authors_for_period(world.outside) == []
 
 
 @pytest.mark.parametrize("stdin", ["devnull", "closed", "silent pipe", "devnull, host start options"])
@@ -340,23 +298,16 @@ def test_authors_whatever_the_stdin(world, stdin):
     proc = subprocess.Popen(cmd, stdin=subprocess.PIPE if stdin == "silent pipe" else subprocess.DEVNULL,
                             stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
     try:
-        proc.wait(timeout=20)  # a hang guard, not a speed check
+        proc.wait(timeout=20)  # a hang guard, not a speed check; a silent pipe stays open meanwhile
     except subprocess.TimeoutExpired:
         proc.kill()
-        proc.wait()
         pytest.fail(f"get_authors_for_period hung with stdin {stdin}")
     finally:
-        if proc.stdin:
-            proc.stdin.close()
+        proc.stdin and proc.stdin.close()
     out, err = proc.stdout.read(), proc.stderr.read()
     assert proc.returncode == 0, err
     authors = json.loads(out)
     assert sorted(authors, key=str) == sorted(AUTHORS, key=str) and authors[0] == AUTHORS[0]
-
-
-def test_authors_without_commits_or_repository(world):
-    # git 2.39 reads an empty log from the (ending) standard input here and exits 0.
-    assert g.get_authors_for_period(world.empty) == g.get_authors_for_period(world.outside) == []
 
 
 @pytest.mark.parametrize("how", ["missing directory", "failing git"])
@@ -443,17 +394,12 @@ def test_relative_forms(zone, since, span):
 
 
 # The messages quote what was passed as Python's repr() does.
-@pytest.mark.parametrize("since", ["0d", " 0d ", "", "it's", "x\ty", "a'b\"c", "\u200b7d\xa0", "back\\slash",
-                                   "\udcff7d", "2026-02-30", "2026-09-01Z"])
-def test_invalid_values(since):
+@pytest.mark.parametrize("since, message", [
+    *((v, "since must be {forms}; got {v!r}") for v in ["0d", " 0d ", "", "it's", "x\ty", "a'b\"c", "\u200b7d\xa0",
+                                                      "back\\slash", "\udcff7d", "2026-02-30", "2026-09-01Z"]),
+    *((v, "since {v!r} reaches outside the calendar") for v in ["800000w", "9" * 30 + "m", "0001-01-01T00:00:00+01:00"])])
+def test_invalid_values(since, message):
     with pytest.raises(ValueError) as info:
         g.parse_time_spec(since)
-    assert str(info.value) == f"since must be {g.TIME_SPEC_FORMS}; got {since!r}"
-
-
-@pytest.mark.parametrize("since", ["800000w", "9" * 30 + "m", "0001-01-01T00:00:00+01:00"])
-def test_outside_the_calendar(since):
-    with pytest.raises(ValueError) as info:
-        g.parse_time_spec(since)
-    assert str(info.value) == f"since {since!r} reaches outside the calendar"
-    assert isinstance(info.value.__cause__, OverflowError)
+    assert str(info.value) == message.format(forms=g.TIME_SPEC_FORMS, v=since)
+    assert isinstance(info.value.__cause__, OverflowError) == ("calendar" in message)

@@ -27,93 +27,73 @@ def columns(text):
 
 
 def report(path, *args, env=None):
-    return subprocess.run(
-        [sys.executable, str(REPORT), *args, str(path)], capture_output=True, text=True, env=env, timeout=120
-    )
-
-
-def report_json(path):
-    done = report(path, "--json", "--since", SINCE)
-    assert done.returncode == 0, done.stderr
-    return json.loads(done.stdout)
+    return subprocess.run([sys.executable, str(REPORT), *args, str(path)], capture_output=True, text=True, env=env,
+                          timeout=120)
 
 
 def numbered(n, changed=()):
     return "".join(f"{'changed' if i in changed else 'line'} {i}\n" for i in range(1, n + 1))
 
 
-def write(root, name, text):
-    path = Path(root, name)
-    path.parent.mkdir(parents=True, exist_ok=True)
-    path.write_text(text)
-
-
-def commit_all(root, message, date):
+def commit(root, files, message, date, *steps):
+    """Runs the git steps, writes the files, commits everything."""
+    for step in steps:
+        git(root, *step)
+    for name, text in files.items():
+        Path(root, name).parent.mkdir(parents=True, exist_ok=True)
+        Path(root, name).write_text(text)
     git(root, "add", "-A")
     git(root, "commit", "-q", "-m", message, date=date)
 
 
 def main_repo(tmp):
-    root = tmp / "origin"
     git(tmp, "init", "-q", "-b", "main", "origin")
-    commit_file(root, "a.txt", numbered(20), "first", date=D1)
-    commit_file(root, "b.txt", numbered(5), "second", date=D2)
-    return root
+    commit_file(tmp / "origin", "a.txt", numbered(20), "first", date=D1)
+    commit_file(tmp / "origin", "b.txt", numbered(5), "second", date=D2)
+    return tmp / "origin"
 
 
 # Each shape builds a repository in a temporary directory and returns the path to
 # report on and the facts that the shape fixes; the rest is compared with git.
 def clone_without_local_default(tmp):
     origin = main_repo(tmp)
-    git(origin, "checkout", "-q", "-b", "topic")
-    for name in ("a.txt", "c.txt", "d/e.txt", "f.txt"):
-        write(origin, name, numbered(3))
-    commit_all(origin, "topic work", D3)
-    git(origin, "checkout", "-q", "main")
-    commit_file(origin, "b.txt", numbered(6), "main moves on", date=D3)
+    commit(origin, dict.fromkeys(("a.txt", "c.txt", "d/e.txt", "f.txt"), numbered(3)), "topic work", D3,
+           ("checkout", "-q", "-b", "topic"))
+    commit(origin, {"b.txt": numbered(6)}, "main moves on", D3, ("checkout", "-q", "main"))
     git(tmp, "clone", "-q", "-b", "topic", str(origin), "clone")
     return tmp / "clone", {"base": ("origin/main", "remote"), "ahead": 1, "behind": 1, "files": 4}
 
 
 def rename_with_edits(tmp):
     root = main_repo(tmp)
-    git(root, "checkout", "-q", "-b", "feature")
-    git(root, "mv", "a.txt", "moved.txt")
-    write(root, "moved.txt", numbered(20, changed={5, 12}))
-    commit_all(root, "move and edit", D3)
+    commit(root, {"moved.txt": numbered(20, changed={5, 12})}, "move and edit", D3,
+           ("checkout", "-q", "-b", "feature"), ("mv", "a.txt", "moved.txt"))
     spans = [{"start": 5, "end": 5, "added": False}, {"start": 12, "end": 12, "added": False}]
-    return root, {"base": ("main", "local"), "ahead": 1, "renamed": ("a.txt", "moved.txt", spans)}
+    return root, {"ahead": 1, "renamed": ("a.txt", "moved.txt", spans)}
 
 
 def odd_names(tmp):
     root = main_repo(tmp)
-    for name in ODD:
-        write(root, name, numbered(3))
-    commit_all(root, "odd names", D2)
-    git(root, "checkout", "-q", "-b", "odd")
-    git(root, "mv", "with space.txt", "moved space.txt")
-    for name in ODD:
-        write(root, name.replace("with", "moved"), numbered(3, changed={2}))
-    commit_all(root, "edit line 2 of each, move one", D3)
-    return root, {"base": ("main", "local"), "ahead": 1, "files": len(ODD), "spans": [{"start": 2, "end": 2, "added": False}]}
+    commit(root, dict.fromkeys(ODD, numbered(3)), "odd names", D2)
+    commit(root, {name.replace("with", "moved"): numbered(3, changed={2}) for name in ODD}, "edit line 2 of each, move one",
+           D3, ("checkout", "-q", "-b", "odd"), ("mv", "with space.txt", "moved space.txt"))
+    return root, {"ahead": 1, "files": len(ODD), "spans": [{"start": 2, "end": 2, "added": False}]}
 
 
 def unborn(tmp):
     git(tmp, "init", "-q", "-b", "main", "fresh")
-    write(tmp / "fresh", "new.txt", "x\n")
+    (tmp / "fresh" / "new.txt").write_text("x\n")
     return tmp / "fresh", {"tree": dict(CLEAN, untracked=1)}
 
 
 def shallow(tmp):
-    origin = main_repo(tmp)
-    commit_file(origin, "c.txt", "c\n", "third", date=D3)
-    git(tmp, "clone", "-q", "--depth", "2", f"file://{origin}", "shallow")
+    commit_file(main_repo(tmp), "c.txt", "c\n", "third", date=D3)
+    git(tmp, "clone", "-q", "--depth", "2", f"file://{tmp / 'origin'}", "shallow")
     return tmp / "shallow", {"shallow": True, "boundary": 1, "note": "shallow clone"}
 
 
 def bare(tmp):
-    origin = main_repo(tmp)
-    git(tmp, "clone", "-q", "--bare", str(origin), "bare.git")
+    git(tmp, "clone", "-q", "--bare", str(main_repo(tmp)), "bare.git")
     return tmp / "bare.git", {"bare": True, "tree": None}
 
 
@@ -121,18 +101,16 @@ def detached(tmp):
     root = main_repo(tmp)
     commit_file(root, "c.txt", "c\n", "third", date=D3)
     git(root, "checkout", "-q", "--detach", "HEAD~1")
-    write(root, "b.txt", "staged\n")
+    for name, text in {"b.txt": "staged\n", "a.txt": "unstaged\n", "new1.txt": "1\n", "sub/new2.txt": "2\n"}.items():
+        Path(root, name).parent.mkdir(exist_ok=True)
+        Path(root, name).write_text(text)
     git(root, "add", "b.txt")
-    write(root, "a.txt", "unstaged\n")
-    write(root, "new1.txt", "1\n")
-    write(root, "sub/new2.txt", "2\n")
     return root, {"branch": None, "behind": 1, "tree": dict(CLEAN, staged=1, unstaged=1, untracked=2)}
 
 
 def unrelated_history(tmp):
     root = main_repo(tmp)
-    git(root, "checkout", "-q", "--orphan", "other")
-    commit_all(root, "a history of its own", D3)
+    commit(root, {}, "a history of its own", D3, ("checkout", "-q", "--orphan", "other"))
     return root, {"ahead": 1, "behind": 2, "files": 0, "note": "no common history"}
 
 
@@ -141,16 +119,17 @@ def git_or_none(root, *args):
     return done.stdout.decode().strip() if done.returncode == 0 else None
 
 
-@pytest.mark.parametrize(
-    "shape", [clone_without_local_default, rename_with_edits, odd_names, unborn, shallow, bare, detached, unrelated_history]
-)
+@pytest.mark.parametrize("shape", [clone_without_local_default, rename_with_edits, odd_names, unborn, shallow, bare,
+                                   detached, unrelated_history])
 def test_json_matches_git(tmp_path, shape):
     path, want = shape(tmp_path)
     index = Path(path, ".git", "index")
     if Path(path, "a.txt").exists():
         os.utime(path / "a.txt", (1, 1))  # stat-dirty: a plain git status would rewrite the index
     before = index.read_bytes() if index.exists() else None
-    r = report_json(path)
+    done = report(path, "--json", "--since", SINCE)
+    assert done.returncode == 0, done.stderr
+    r = json.loads(done.stdout)
     assert (index.read_bytes() if index.exists() else None) == before
 
     assert r["schema"] == 1 and re.search(r"[+-]\d\d:\d\d$|Z$", r["since"])
@@ -214,22 +193,14 @@ def test_quiet_period_says_so_and_names_the_latest_date(tmp_path):
     assert re.search(r"--since \d+d", out)
 
 
-@pytest.mark.parametrize(
-    "args, env, code, message",
-    [
-        (["/nonexistent/dir"], None, 2, "no such file or directory"),
-        (["/"], None, 2, "not inside a git repository"),
-        (["--commits", "-3", "."], None, 2, "expected a whole number of 0 or more"),
-        (["--since", "0d", "."], None, 2, "since must be"),
-        (["."], {"PATH": "/nonexistent"}, 1, "git not found"),
-    ],
-)
+@pytest.mark.parametrize("args, env, code, message", [
+    (["/nonexistent/dir"], None, 2, "no such file or directory"),
+    (["/"], None, 2, "not inside a git repository"),
+    (["--commits", "-3", "."], None, 2, "expected a whole number of 0 or more"),
+    (["--since", "0d", "."], None, 2, "since must be"),
+    (["."], {"PATH": "/nonexistent"}, 1, "git not found"),
+])
 def test_failures_are_messages_with_nonzero_exit(args, env, code, message):
-    done = subprocess.run(
-        [sys.executable, str(REPORT), *args],
-        capture_output=True,
-        text=True,
-        env=dict(os.environ, **env) if env else None,
-        cwd=REPORT.parent,
-    )
+    done = subprocess.run([sys.executable, str(REPORT), *args], capture_output=True, text=True,
+                          env=dict(os.environ, **env) if env else None, cwd=REPORT.parent)
     assert done.returncode == code and message in done.stderr and done.stdout == ""
