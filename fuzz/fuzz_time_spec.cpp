@@ -24,11 +24,7 @@ using git_utils::Moment;
 
 // Clock readings to count back from: an ordinary one, and both ends of the
 // calendar.
-constexpr Moment kNows[] = {
-    {2026, 6, 15, 12, 34, 56, 789012},
-    {1, 1, 1, 0, 0, 0, 0},
-    {9999, 12, 31, 23, 59, 59, 999999},
-};
+constexpr Moment kNows[] = {{2026, 6, 15, 12, 34, 56, 789012}, {1, 1, 1, 0, 0, 0, 0}, {9999, 12, 31, 23, 59, 59, 999999}};
 
 bool in_calendar(const Moment& m) {
     static constexpr int kDays[] = {31, 29, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
@@ -42,12 +38,8 @@ bool in_calendar(const Moment& m) {
 // Microseconds since the epoch, by the C library's calendar.
 std::int64_t micros(const Moment& m) {
     struct tm t {};
-    t.tm_year = m.year - 1900;
-    t.tm_mon = m.month - 1;
-    t.tm_mday = m.day;
-    t.tm_hour = m.hour;
-    t.tm_min = m.minute;
-    t.tm_sec = m.second;
+    t.tm_year = m.year - 1900, t.tm_mon = m.month - 1, t.tm_mday = m.day;
+    t.tm_hour = m.hour, t.tm_min = m.minute, t.tm_sec = m.second;
     return static_cast<std::int64_t>(timegm(&t)) * 1'000'000 + m.microsecond;
 }
 

@@ -13,6 +13,7 @@ import subprocess
 import sys
 import threading
 import time
+from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 import pytest
@@ -50,8 +51,7 @@ def test_failed_run_is_data_and_logged(repo, caplog):
     assert (out, rc) == ("", 128)
     assert err.endswith("\n")
     [record] = [r for r in caplog.records if r.name == LOGGER]
-    assert record.levelno == logging.DEBUG
-    assert record.msg == "git command failed: args=%s rc=%s stderr=%s"
+    assert (record.levelno, record.msg) == (logging.DEBUG, "git command failed: args=%s rc=%s stderr=%s")
     assert record.getMessage() == f"git command failed: args=['rev-parse', '--verify', 'no-such-ref'] rc=128 stderr={err.strip()}"
 
 
@@ -72,32 +72,22 @@ def test_missing_git_or_directory_gives_fixed_triple(repo, tmp_path, monkeypatch
         g._git_output(root, ["status"])
 
 
-def test_directory_that_is_a_file_raises_like_subprocess(tmp_path):
-    f = tmp_path / "file"
-    f.write_text("x")
-    with pytest.raises(NotADirectoryError) as info:
-        g.run_git_command(f, ["status"])
-    assert info.value.filename == str(f)
-
-
-def test_unreadable_directory_raises_permission_error(tmp_path):
-    if os.geteuid() == 0:
+@pytest.mark.parametrize("kind, error", [("file", NotADirectoryError), ("locked", PermissionError)])
+def test_directory_git_cannot_enter_raises_like_subprocess(tmp_path, kind, error):
+    if kind == "locked" and os.geteuid() == 0:
         pytest.skip("root enters any directory")
-    locked = tmp_path / "locked"
-    locked.mkdir(mode=0o000)
-    with pytest.raises(PermissionError):
-        g.run_git_command(locked, ["status"])
+    where = tmp_path / kind
+    where.write_text("x") if kind == "file" else where.mkdir(mode=0o000)
+    with pytest.raises(error) as info:
+        g.run_git_command(where, ["status"])
+    assert info.value.filename == str(where)
 
 
 def live_processes(marker):
     found = []
-    for pid in os.listdir("/proc"):
-        if pid.isdigit():
-            try:
-                if marker in Path(f"/proc/{pid}/cmdline").read_bytes():
-                    found.append(pid)
-            except OSError:
-                pass
+    for cmdline in Path("/proc").glob("[0-9]*/cmdline"):
+        with contextlib.suppress(OSError):
+            found += [cmdline.parent.name] if marker in cmdline.read_bytes() else []
     return found
 
 
@@ -258,22 +248,17 @@ def run_child_interpreter(code, *args, terminal_input=None):
         os.execv(sys.executable, [sys.executable, "-c", code, *args])
     os.write(master, terminal_input)
     output = b""
-    while chunk := read_or_eof(master):
-        output += chunk
+    with contextlib.suppress(OSError):  # EIO: the terminal's last user has gone
+        while chunk := os.read(master, 65536):
+            output += chunk
     os.close(master)
     assert os.waitpid(pid, 0)[1] == 0, output
     return json.loads(output.decode().splitlines()[-1])
 
 
-def read_or_eof(fd):
-    try:
-        return os.read(fd, 65536)
-    except OSError:  # EIO: the terminal's last user has gone
-        return b""
-
-
 IN_A_TERMINAL = """
-import json, os, sys, time
+import contextlib, json, os, sys, time
+from pathlib import Path
 from vantrel_sorlith.utils import git_utils as g
 marker, answers = sys.argv[1], {}
 for name, args, timeout in [
@@ -296,7 +281,7 @@ def test_git_reads_the_hosts_terminal_and_a_timeout_still_kills_everything():
     # The host is the foreground job of a terminal: git reads it as under
     # subprocess.run (no stop by SIGTTIN), and the time limit still holds.
     marker = f"32.{random.randrange(10**6):06d}"
-    code = IN_A_TERMINAL.replace("{left}", "from pathlib import Path\nimport time\n" + inspect.getsource(live_processes)
+    code = IN_A_TERMINAL.replace("{left}", inspect.getsource(live_processes)
                                  + inspect.getsource(processes_left).replace("processes_left", "left"))
     got = run_child_interpreter(code, marker, terminal_input=b"hello\n\x04")
     blob = hashlib.sha1(b"blob 6\0hello\n").hexdigest()
@@ -371,16 +356,10 @@ def test_environment_edited_by_other_threads(repo):
 
 
 def test_threads_run_git_concurrently(repo):
-    args = ["-c", "alias.nap=!sleep 0.5", "nap"]
-    results = []
-    threads = [threading.Thread(target=lambda: results.append(g.run_git_command(repo, args))) for _ in range(2)]
     start = time.monotonic()
-    for t in threads:
-        t.start()
-    for t in threads:
-        t.join()
-    assert results == [("", "", 0)] * 2
-    assert time.monotonic() - start < 0.9
+    with ThreadPoolExecutor(2) as pool:
+        results = list(pool.map(lambda _: g.run_git_command(repo, ["-c", "alias.nap=!sleep 0.5", "nap"]), range(2)))
+    assert results == [("", "", 0)] * 2 and time.monotonic() - start < 0.9
 
 
 def test_exception_from_signal_handler_stops_git(repo):
@@ -431,7 +410,5 @@ def test_git_output_checks_the_triple(module_state, triple, expected):
 
 
 def test_git_killed_by_signal_gives_negative_code(repo):
-    out, err, rc = g.run_git_command(repo, ["-c", "alias.die=!kill -9 $PPID", "die"])
-    assert rc in (-9, 137)  # the shell alias may report the kill itself
-    with pytest.raises(g.GitError, match=r"^git exited with code (-9|137)$"):
-        g._git_output(repo, ["-c", "alias.die=!kill -9 $PPID", "die"])
+    # (The message of a negative code: the triple table above.)
+    assert g.run_git_command(repo, ["-c", "alias.die=!kill -9 $PPID", "die"])[2] in (-9, 137)  # or the shell's own
