@@ -28,20 +28,11 @@ struct ScopedZone {
 };
 #else
 // Switches the process's zone for the lifetime of the object.
-class ScopedZone {
-public:
-    explicit ScopedZone(const char* zone) {
-        if (const char* old = std::getenv("TZ")) saved_ = old;
-        setenv("TZ", zone, 1);
-        tzset();
-    }
-    ~ScopedZone() {
-        saved_ ? setenv("TZ", saved_->c_str(), 1) : unsetenv("TZ");
-        tzset();
-    }
-
-private:
-    std::optional<std::string> saved_;
+struct ScopedZone {
+    const char* saved = std::getenv("TZ");
+    std::optional<std::string> old = saved ? std::optional<std::string>(saved) : std::nullopt;
+    explicit ScopedZone(const char* zone) { setenv("TZ", zone, 1), tzset(); }
+    ~ScopedZone() { old ? setenv("TZ", old->c_str(), 1) : unsetenv("TZ"), tzset(); }
 };
 #endif
 

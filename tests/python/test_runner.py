@@ -156,15 +156,17 @@ def pattern(key, n):
     return b"".join(tag + b"%07d\n" % i for i in range(n // 9 + 1))[:n]
 
 
+def put_fake_git(tmp_path, monkeypatch, script):
+    """`script` as the git that PATH finds first."""
+    (tmp_path / "bin").mkdir()
+    (tmp_path / "bin" / "git").write_text(script)
+    (tmp_path / "bin" / "git").chmod(0o755)
+    monkeypatch.setenv("PATH", f"{tmp_path / 'bin'}:{os.environ['PATH']}")
+
+
 @pytest.fixture()
 def fake_git(tmp_path, monkeypatch):
-    bin_dir = tmp_path / "bin"
-    bin_dir.mkdir()
-    fake = bin_dir / "git"
-    fake.write_text(FAKE_GIT.format(python=sys.executable, pattern=inspect.getsource(pattern)))
-    fake.chmod(0o755)
-    monkeypatch.setenv("PATH", f"{bin_dir}:{os.environ['PATH']}")
-    return fake
+    put_fake_git(tmp_path, monkeypatch, FAKE_GIT.format(python=sys.executable, pattern=inspect.getsource(pattern)))
 
 
 KiB = 1024
@@ -332,24 +334,22 @@ def test_environment_edited_by_other_threads(repo):
             except Exception as e:
                 failures.append(e)
 
-    threads = [threading.Thread(target=worker) for _ in range(3)]
-    for t in threads:
-        t.start()
-    try:
-        end, i = time.monotonic() + 2, 0
-        while time.monotonic() < end:
-            os.environ[f"GIT_UTILS_EDIT_{i % 500}"] = "x" * (i % 300)
-            if i % 500 == 499:
-                for k in range(500):
-                    del os.environ[f"GIT_UTILS_EDIT_{k}"]
-            i += 1
-    finally:
-        stop.set()
-        start = time.monotonic()
-        for t in threads:
-            t.join()
-        for k in [k for k in os.environ if k.startswith("GIT_UTILS_EDIT_")]:
-            del os.environ[k]
+    with ThreadPoolExecutor(3) as pool:
+        for _ in range(3):
+            pool.submit(worker)
+        try:
+            end, i = time.monotonic() + 2, 0
+            while time.monotonic() < end:
+                os.environ[f"GIT_UTILS_EDIT_{i % 500}"] = "x" * (i % 300)
+                if i % 500 == 499:
+                    for k in range(500):
+                        del os.environ[f"GIT_UTILS_EDIT_{k}"]
+                i += 1
+        finally:
+            stop.set()
+            start = time.monotonic()
+    for k in [k for k in os.environ if k.startswith("GIT_UTILS_EDIT_")]:
+        del os.environ[k]
     assert failures == []
     assert len(answers) > 30 and time.monotonic() - start < 2
     assert children() == []

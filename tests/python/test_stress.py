@@ -21,7 +21,7 @@ import pytest
 
 import test_boundary
 from test_boundary import _error as error
-from test_runner import children
+from test_runner import children, put_fake_git
 from vantrel_sorlith.utils import git_utils as g
 
 
@@ -218,15 +218,10 @@ print(json.dumps({"length": len(out), "lines": out.count("\\n"), "head": out[: l
 
 
 @pytest.mark.slow
-def test_output_of_a_gigabyte(tmp_path):
-    bin_dir = tmp_path / "bin"
-    bin_dir.mkdir()
-    fake = bin_dir / "git"
-    fake.write_text(FAKE_GIT)
-    fake.chmod(0o755)
-    env = dict(os.environ, PATH=f"{bin_dir}:{os.environ['PATH']}")
+def test_output_of_a_gigabyte(tmp_path, monkeypatch):
+    put_fake_git(tmp_path, monkeypatch, FAKE_GIT)
     began = time.monotonic()
-    done = subprocess.run([sys.executable, "-c", CHILD, str(GIB), LINE], cwd=tmp_path, env=env, capture_output=True,
+    done = subprocess.run([sys.executable, "-c", CHILD, str(GIB), LINE], cwd=tmp_path, capture_output=True,
                           text=True, timeout=300)
     assert done.returncode == 0, done.stderr
     got = json.loads(done.stdout)
