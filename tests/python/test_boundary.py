@@ -43,11 +43,10 @@ OPERATIONS = {name: f for name, f in vars(g).items()
 def cases():
     for name, f in OPERATIONS.items():
         for p in inspect.signature(f).parameters.values():
-            for kind, value in VALUES.items():
-                yield pytest.param(name, p.name, value, id=f"{name}-{p.name}-{kind}")
-            if p.name in ("args", "paths"):
+            for in_list in (False, True) if p.name in ("args", "paths") else (False,):
                 for kind, value in VALUES.items():
-                    yield pytest.param(name, p.name, [value], id=f"{name}-{p.name}[]-{kind}")
+                    yield pytest.param(name, p.name, [value] if in_list else value,
+                                       id=f"{name}-{p.name}{'[]' * in_list}-{kind}")
 
 
 def conforms(value, annotation):

@@ -23,17 +23,6 @@ from vantrel_sorlith.utils import git_utils as g
 LOGGER = "vantrel_sorlith.utils.git_utils"
 
 
-def printf_alias(data: bytes):
-    """git arguments that make git print `data` (octal escapes through printf)."""
-    escaped = "".join(f"\\{b:03o}" for b in data)
-    return ["-c", f"alias.emit=!printf '{escaped}'", "emit"]
-
-
-def python_reading(data: bytes) -> str:
-    text = data.decode("utf-8", "replace")
-    return text.replace("\r\n", "\n").replace("\r", "\n")
-
-
 @pytest.mark.parametrize(
     "data",
     [b"", b"a\r\nb\rc\r\r\n", b"\xe2\x82 truncated", b"\xe0\x80\x80 three", b"\xc3\xc2\xa9",
@@ -42,14 +31,15 @@ def python_reading(data: bytes) -> str:
      b"x\r\n\r\n\xff\xfe\r\n\xc3"],
 )
 def test_output_is_decoded_as_python_would(repo, data):
-    assert g.run_git_command(repo, printf_alias(data)) == (python_reading(data), "", 0)
+    escaped = "".join(f"\\{b:03o}" for b in data)  # git prints `data` through printf's octal escapes
+    text = data.decode("utf-8", "replace").replace("\r\n", "\n").replace("\r", "\n")
+    assert g.run_git_command(repo, ["-c", f"alias.emit=!printf '{escaped}'", "emit"]) == (text, "", 0)
 
 
 def test_failed_run_is_data_and_logged(repo, caplog):
     caplog.set_level(logging.DEBUG, logger=LOGGER)
     out, err, rc = g.run_git_command(repo, ["rev-parse", "--verify", "no-such-ref"])
-    assert (out, rc) == ("", 128)
-    assert err.endswith("\n")
+    assert (out, rc, err[-1:]) == ("", 128, "\n")
     [record] = [r for r in caplog.records if r.name == LOGGER]
     assert (record.levelno, record.msg) == (logging.DEBUG, "git command failed: args=%s rc=%s stderr=%s")
     assert record.getMessage() == f"git command failed: args=['rev-parse', '--verify', 'no-such-ref'] rc=128 stderr={err.strip()}"
@@ -113,8 +103,7 @@ def assert_nothing_left(marker):
     deadline = time.monotonic() + 2
     while children() and time.monotonic() < deadline:
         time.sleep(0.01)
-    assert children() == []
-    assert processes_left(marker) == []
+    assert (children(), processes_left(marker)) == ([], [])
 
 
 # A stand-in for git that follows its arguments, for the branch points of the
@@ -195,19 +184,15 @@ def host_condition(kind):
     """The host as the run meets it: plain, ignoring SIGCHLD (the kernel then
     reaps git itself), or taking a signal every millisecond."""
     ticks = []
-    if kind == "SIGCHLD ignored":
-        old = signal.signal(signal.SIGCHLD, signal.SIG_IGN)
-    elif kind == "signal every ms":
-        old = signal.signal(signal.SIGALRM, lambda *_: ticks.append(1))
-        signal.setitimer(signal.ITIMER_REAL, 0.001, 0.001)
+    number, handler = {"plain": (signal.SIGCHLD, signal.SIG_DFL), "SIGCHLD ignored": (signal.SIGCHLD, signal.SIG_IGN),
+                       "signal every ms": (signal.SIGALRM, lambda *_: ticks.append(1))}[kind]
+    old = signal.signal(number, handler)
+    signal.setitimer(signal.ITIMER_REAL, 0.001 if number == signal.SIGALRM else 0, 0.001)
     try:
         yield ticks
     finally:
-        if kind == "SIGCHLD ignored":
-            signal.signal(signal.SIGCHLD, old)
-        elif kind == "signal every ms":
-            signal.setitimer(signal.ITIMER_REAL, 0)
-            signal.signal(signal.SIGALRM, old)
+        signal.setitimer(signal.ITIMER_REAL, 0)
+        signal.signal(number, old)
 
 
 @pytest.mark.parametrize("host", ["plain", "SIGCHLD ignored", "signal every ms"])
