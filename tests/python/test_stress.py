@@ -70,12 +70,9 @@ def record(name, figures):
     """Prints figures (shown with -s) and keeps them in the JSON file that
     GIT_UTILS_FIGURES names, when it names one."""
     print(f"\n{name}: {json.dumps(figures)}")
-    target = os.environ.get("GIT_UTILS_FIGURES")
-    if target:
-        path = Path(target)
-        data = json.loads(path.read_text()) if path.exists() else {}
-        data[name] = figures
-        path.write_text(json.dumps(data, indent=2) + "\n")
+    if target := os.environ.get("GIT_UTILS_FIGURES"):
+        kept = json.loads(Path(target).read_text()) if Path(target).exists() else {}
+        Path(target).write_text(json.dumps({**kept, name: figures}, indent=2) + "\n")
 
 
 _mallinfo2 = getattr(ctypes.CDLL(None), "mallinfo2", None)
@@ -87,10 +84,6 @@ if _mallinfo2 is not None:
 def malloc_in_use():
     """Bytes that malloc has handed out and not had back, over all arenas (glibc), or None."""
     return None if _mallinfo2 is None else (lambda m: m.uordblks + m.hblkhd)(_mallinfo2())
-
-
-def rss():
-    return int(Path("/proc/self/statm").read_text().split()[1]) * os.sysconf("SC_PAGE_SIZE")
 
 
 THREADS, CALLS, ROUNDS = 16, 15, 7  # calls per thread and round; round 1 warms up
@@ -153,19 +146,18 @@ def test_threads_over_rounds_agree_and_leave_nothing_behind(repo, tmp_path, monk
             start.abort()
             done.abort()
 
-    threads = [threading.Thread(target=worker, args=(n,)) for n in range(THREADS)]
-    for t in threads:
-        t.start()
     rounds, began = [], time.monotonic()
-    for _ in range(ROUNDS):
+    with ThreadPoolExecutor(THREADS) as pool:
+        for n in range(THREADS):
+            pool.submit(worker, n)
+        for _ in range(ROUNDS):
+            start.wait()
+            done.wait()
+            gc.collect()
+            rounds.append({"seconds": round(time.monotonic() - began, 2), "blocks": sys.getallocatedblocks(),
+                           "rss": int(Path("/proc/self/statm").read_text().split()[1]) * os.sysconf("SC_PAGE_SIZE"),
+                           "malloc": malloc_in_use()})
         start.wait()
-        done.wait()
-        gc.collect()
-        rounds.append({"seconds": round(time.monotonic() - began, 2), "rss": rss(),
-                       "blocks": sys.getallocatedblocks(), "malloc": malloc_in_use()})
-    start.wait()
-    for t in threads:
-        t.join()
     fds_after, children_after = sorted(os.listdir("/proc/self/fd")), children()
     per_round = THREADS * CALLS
     record("memory over rounds", {"threads": THREADS, "calls per round": per_round, "round count": ROUNDS,
@@ -183,8 +175,7 @@ def test_threads_over_rounds_agree_and_leave_nothing_behind(repo, tmp_path, monk
     # string kept by the core at least 32 bytes a call. Resident memory moves
     # by whole pages and arenas: its bound is loose, yet below what one kept
     # output (266 KB) per runner call would add.
-    def median_growth(key):
-        return statistics.median(b[key] - a[key] for a, b in zip(rounds[1:], rounds[2:]))
+    median_growth = lambda key: statistics.median(b[key] - a[key] for a, b in zip(rounds[1:], rounds[2:]))  # noqa: E731
 
     assert median_growth("blocks") < per_round / 20, rounds
     if rounds[0]["malloc"] is not None:
