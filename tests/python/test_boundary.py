@@ -124,9 +124,7 @@ class Rebinding:
         self.name, self.original = name, original
 
     def _use(self):
-        setattr(g, self.name, stand_in(self.name, self.original))
-        churn()
-        return self.original
+        return rebind(self.name, self.original)
 
     def __call__(self, *args, **kwargs):
         return self._use()(*args, **kwargs)
@@ -206,27 +204,30 @@ def test_every_name_the_library_reads_is_in_the_table():
     assert sorted(USES) == sorted(set(LOAD_ORDER) - unread)
 
 
+def rebind(name, original):
+    """Rebinds `name` to a fresh stand-in, churns memory, and gives the original."""
+    setattr(g, name, stand_in(name, original))
+    churn()
+    return original
+
+
 def stand_in(name, original):
     """A stand-in for `name` of the original's own kind where the library
     reads it as a value (a text, a number, the error class)."""
-    def rebind():
-        setattr(g, name, stand_in(name, original))
-        churn()
-
     if isinstance(original, (str, int)):
         class Value(type(original)):
             def __str__(self):
-                rebind()
+                rebind(name, original)
                 return type(original).__str__(self)
 
             def __index__(self):
-                rebind()
+                rebind(name, original)
                 return int(self)
         return Value(original)
     if isinstance(original, type) and issubclass(original, Exception):
         class GitError(original):
             def __init__(self, *args):
-                rebind()
+                rebind(name, original)
                 super().__init__(*args)
         return GitError
     return Rebinding(name, original)
