@@ -29,8 +29,7 @@ struct ScopedZone {
 #else
 // Switches the process's zone for the lifetime of the object.
 struct ScopedZone {
-    const char* saved = std::getenv("TZ");
-    std::optional<std::string> old = saved ? std::optional<std::string>(saved) : std::nullopt;
+    std::optional<std::string> old = std::getenv("TZ") ? std::optional<std::string>(std::getenv("TZ")) : std::nullopt;
     explicit ScopedZone(const char* zone) { setenv("TZ", zone, 1), tzset(); }
     ~ScopedZone() { old ? setenv("TZ", old->c_str(), 1) : unsetenv("TZ"), tzset(); }
 };
