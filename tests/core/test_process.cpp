@@ -58,7 +58,7 @@ namespace {
 const char* const kFakeGit = R"(#!/bin/sh
 case "$1" in
   exit3) printf out; printf err >&2; exit 3 ;;
-  chunk-then-pause) head -c 65536 /dev/zero; exec sleep "$2" ;;
+  chunk_then_pause) head -c 65536 /dev/zero; exec sleep "$2" ;;
   grandchild) printf started; sleep "$2" & ;;
 esac
 )";
@@ -96,7 +96,7 @@ TEST_P(WatchWithoutPidfd, AnswersOnTimeAndLeavesNothing) {
     // tests run side by side tell their sleeps apart.
     const std::vector<std::string> args{c.name, "5." + std::to_string(::getpid())};
     const std::string cwd = ".";
-    const std::function<bool()> no_hook;
+    const std::function<bool()> no_hook;  // the run's options hold references
     struct sigaction sigchld {}, saved {};
     sigchld.sa_handler = sigchld_ignored ? SIG_IGN : SIG_DFL;
     sigaction(SIGCHLD, &sigchld, &saved);
@@ -129,13 +129,11 @@ TEST_P(WatchWithoutPidfd, AnswersOnTimeAndLeavesNothing) {
 INSTANTIATE_TEST_SUITE_P(
     Cases, WatchWithoutPidfd,
     ::testing::Combine(::testing::Values(WatchCase{"exit3", 10, RunStatus::Exited},
-                                         WatchCase{"chunk-then-pause", 0.3, RunStatus::TimedOut},
+                                         WatchCase{"chunk_then_pause", 0.3, RunStatus::TimedOut},
                                          WatchCase{"grandchild", 0.3, RunStatus::TimedOut}),
                        ::testing::Bool()),
     [](const auto& info) {
-        std::string name = std::get<0>(info.param).name;
-        std::replace(name.begin(), name.end(), '-', '_');
-        return name + (std::get<1>(info.param) ? "_sigchld_ignored" : "");
+        return std::string(std::get<0>(info.param).name) + (std::get<1>(info.param) ? "_sigchld_ignored" : "");
     });
 
 TEST(Runner, ASignalEndsTheWaitAtOnceAndTheHookStopsTheRun) {

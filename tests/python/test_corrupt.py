@@ -24,24 +24,16 @@ def truncate_blob(root):
     path.write_bytes(path.read_bytes()[: path.stat().st_size // 2])
 
 
-def remove_head_commit(root):
-    object_file(root, "HEAD").unlink()
-
-
 def break_packed_ref(root):
     git(root, "pack-refs", "--all")
     (root / ".git" / "packed-refs").write_text("# pack-refs with: peeled fully-peeled sorted \nnot a ref line\n")
 
 
-def garble_head(root):
-    (root / ".git" / "HEAD").write_text("garbage\n")
-
-
 QUERIES = {
-    "get_head_commit": lambda r: g.get_head_commit(r),
+    "get_head_commit": g.get_head_commit,
     "resolve_commit": lambda r: g.resolve_commit(r, "main"),
-    "resolve_display_branch": lambda r: g.resolve_display_branch(r),
-    "get_default_branch": lambda r: g.get_default_branch(r),
+    "resolve_display_branch": g.resolve_display_branch,
+    "get_default_branch": g.get_default_branch,
     "branch_exists": lambda r: g.branch_exists(r, "main"),
     "get_authors_for_period": lambda r: g.get_authors_for_period(r, "3650d"),
     "count_commits": lambda r: g.count_commits(r, "main~2", "main"),
@@ -59,9 +51,9 @@ ALL_BUT_DEFAULT = set(QUERIES) - {"get_default_branch"}  # its last fallback is 
 # damage -> the queries that cannot answer as on the sound repository
 DAMAGE = {
     "loose blob truncated": (truncate_blob, READ_FILES),
-    "HEAD's commit missing": (remove_head_commit, READ_HISTORY),
+    "HEAD's commit missing": (lambda root: object_file(root, "HEAD").unlink(), READ_HISTORY),
     "packed-refs line broken": (break_packed_ref, ALL_BUT_DEFAULT),
-    "HEAD file garbled": (garble_head, ALL_BUT_DEFAULT),
+    "HEAD file garbled": (lambda root: (root / ".git" / "HEAD").write_text("garbage\n"), ALL_BUT_DEFAULT),
 }
 
 

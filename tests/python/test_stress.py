@@ -14,28 +14,20 @@ import subprocess
 import sys
 import threading
 import time
+from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 import pytest
 
+import test_boundary
+from test_boundary import _error as error
+from test_runner import children, put_fake_git
 from vantrel_sorlith.utils import git_utils as g
-
-
-def children():
-    found = []
-    for task in Path("/proc/self/task").iterdir():
-        try:  # a thread that just ended may still be listed, and then gone
-            found += (task / "children").read_text().split()
-        except FileNotFoundError:
-            pass
-    return found
 
 
 def test_sixteen_threads_while_another_rebinds_names(repo, module_state, monkeypatch):
     # Each call's answer comes from the old object or the new one, which
     # answer alike; a name held borrowed across a rebinding would crash.
-    import test_boundary
-
     monkeypatch.setattr(test_boundary, "churn", lambda: None)  # the rebinding itself is the test here
     # Left out: answers that depend on the clock or the working directory, and
     # the authors query, which a host runner runs on the caller's stdin.
@@ -62,13 +54,10 @@ def test_sixteen_threads_while_another_rebinds_names(repo, module_state, monkeyp
             if got != expected[n]:
                 failures.append((n, got))
 
-    threads = [threading.Thread(target=worker, args=(k,)) for k in range(16)]
     side = threading.Thread(target=rebinder)
     side.start()
-    for t in threads:
-        t.start()
-    for t in threads:
-        t.join()
+    with ThreadPoolExecutor(16) as pool:
+        list(pool.map(worker, range(16)))
     stop.set()
     side.join()
     assert failures == []
@@ -81,35 +70,20 @@ def record(name, figures):
     """Prints figures (shown with -s) and keeps them in the JSON file that
     GIT_UTILS_FIGURES names, when it names one."""
     print(f"\n{name}: {json.dumps(figures)}")
-    target = os.environ.get("GIT_UTILS_FIGURES")
-    if target:
-        path = Path(target)
-        data = json.loads(path.read_text()) if path.exists() else {}
-        data[name] = figures
-        path.write_text(json.dumps(data, indent=2) + "\n")
-
-
-class _Mallinfo2(ctypes.Structure):
-    _fields_ = [(name, ctypes.c_size_t) for name in
-                ("arena", "ordblks", "smblks", "hblks", "hblkhd", "usmblks", "fsmblks", "uordblks", "fordblks",
-                 "keepcost")]
+    if target := os.environ.get("GIT_UTILS_FIGURES"):
+        kept = json.loads(Path(target).read_text()) if Path(target).exists() else {}
+        Path(target).write_text(json.dumps({**kept, name: figures}, indent=2) + "\n")
 
 
 _mallinfo2 = getattr(ctypes.CDLL(None), "mallinfo2", None)
 if _mallinfo2 is not None:
-    _mallinfo2.restype = _Mallinfo2
+    _mallinfo2.restype = type("Mallinfo2", (ctypes.Structure,), {"_fields_": [(name, ctypes.c_size_t) for name in (
+        "arena", "ordblks", "smblks", "hblks", "hblkhd", "usmblks", "fsmblks", "uordblks", "fordblks", "keepcost")]})
 
 
 def malloc_in_use():
     """Bytes that malloc has handed out and not had back, over all arenas (glibc), or None."""
-    if _mallinfo2 is None:
-        return None
-    m = _mallinfo2()
-    return m.uordblks + m.hblkhd
-
-
-def rss():
-    return int(Path("/proc/self/statm").read_text().split()[1]) * os.sysconf("SC_PAGE_SIZE")
+    return None if _mallinfo2 is None else (lambda m: m.uordblks + m.hblkhd)(_mallinfo2())
 
 
 THREADS, CALLS, ROUNDS = 16, 15, 7  # calls per thread and round; round 1 warms up
@@ -128,12 +102,6 @@ def test_threads_over_rounds_agree_and_leave_nothing_behind(repo, tmp_path, monk
     raw = "".join(f":100644 100644 a b M\0f{i}.c\0" for i in range(5000)) + "".join(
         f"1\t2\tf{i}.c\0" for i in range(5000))
 
-    def error(f, *args):
-        try:
-            f(*args)
-        except Exception as e:
-            return type(e), str(e)
-
     calls = [
         lambda: g.get_head_commit(repo),
         lambda: g.branch_exists(repo, "main"),
@@ -151,14 +119,14 @@ def test_threads_over_rounds_agree_and_leave_nothing_behind(repo, tmp_path, monk
         lambda: g.parse_line_spans(patch),
         lambda: g.parse_commit_changes(log),
         lambda: g.parse_file_changes(raw),
-        lambda: error(g.count_commits, repo, "main", "no-such"),
-        lambda: error(g.branch_exists, repo, 5),
-        lambda: error(g.parse_time_spec, "0d"),
-        lambda: error(g.run_git_command, repo, ["a\0b"]),
-        lambda: error(g._unquote, "\\400"),
+        lambda: error(lambda: g.count_commits(repo, "main", "no-such")),
+        lambda: error(lambda: g.branch_exists(repo, 5)),
+        lambda: error(lambda: g.parse_time_spec("0d")),
+        lambda: error(lambda: g.run_git_command(repo, ["a\0b"])),
+        lambda: error(lambda: g._unquote("\\400")),
     ]
     expected = [call() for call in calls]
-    assert all(e[0] in (g.GitError, TypeError, ValueError) for e in expected[-5:])
+    assert all(e[0] in ("GitError", "TypeError", "ValueError") for e in expected[-5:])
     fds_before, children_before = sorted(os.listdir("/proc/self/fd")), children()
     start, done = threading.Barrier(THREADS + 1, timeout=300), threading.Barrier(THREADS + 1, timeout=300)
     failures = []
@@ -178,19 +146,18 @@ def test_threads_over_rounds_agree_and_leave_nothing_behind(repo, tmp_path, monk
             start.abort()
             done.abort()
 
-    threads = [threading.Thread(target=worker, args=(n,)) for n in range(THREADS)]
-    for t in threads:
-        t.start()
     rounds, began = [], time.monotonic()
-    for _ in range(ROUNDS):
+    with ThreadPoolExecutor(THREADS) as pool:
+        for n in range(THREADS):
+            pool.submit(worker, n)
+        for _ in range(ROUNDS):
+            start.wait()
+            done.wait()
+            gc.collect()
+            rounds.append({"seconds": round(time.monotonic() - began, 2), "blocks": sys.getallocatedblocks(),
+                           "rss": int(Path("/proc/self/statm").read_text().split()[1]) * os.sysconf("SC_PAGE_SIZE"),
+                           "malloc": malloc_in_use()})
         start.wait()
-        done.wait()
-        gc.collect()
-        rounds.append({"seconds": round(time.monotonic() - began, 2), "rss": rss(),
-                       "blocks": sys.getallocatedblocks(), "malloc": malloc_in_use()})
-    start.wait()
-    for t in threads:
-        t.join()
     fds_after, children_after = sorted(os.listdir("/proc/self/fd")), children()
     per_round = THREADS * CALLS
     record("memory over rounds", {"threads": THREADS, "calls per round": per_round, "round count": ROUNDS,
@@ -208,8 +175,7 @@ def test_threads_over_rounds_agree_and_leave_nothing_behind(repo, tmp_path, monk
     # string kept by the core at least 32 bytes a call. Resident memory moves
     # by whole pages and arenas: its bound is loose, yet below what one kept
     # output (266 KB) per runner call would add.
-    def median_growth(key):
-        return statistics.median(b[key] - a[key] for a, b in zip(rounds[1:], rounds[2:]))
+    median_growth = lambda key: statistics.median(b[key] - a[key] for a, b in zip(rounds[1:], rounds[2:]))  # noqa: E731
 
     assert median_growth("blocks") < per_round / 20, rounds
     if rounds[0]["malloc"] is not None:
@@ -243,15 +209,10 @@ print(json.dumps({"length": len(out), "lines": out.count("\\n"), "head": out[: l
 
 
 @pytest.mark.slow
-def test_output_of_a_gigabyte(tmp_path):
-    bin_dir = tmp_path / "bin"
-    bin_dir.mkdir()
-    fake = bin_dir / "git"
-    fake.write_text(FAKE_GIT)
-    fake.chmod(0o755)
-    env = dict(os.environ, PATH=f"{bin_dir}:{os.environ['PATH']}")
+def test_output_of_a_gigabyte(tmp_path, monkeypatch):
+    put_fake_git(tmp_path, monkeypatch, FAKE_GIT)
     began = time.monotonic()
-    done = subprocess.run([sys.executable, "-c", CHILD, str(GIB), LINE], cwd=tmp_path, env=env, capture_output=True,
+    done = subprocess.run([sys.executable, "-c", CHILD, str(GIB), LINE], cwd=tmp_path, capture_output=True,
                           text=True, timeout=300)
     assert done.returncode == 0, done.stderr
     got = json.loads(done.stdout)

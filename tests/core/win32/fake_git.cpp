@@ -10,7 +10,7 @@
 //   show           writes what it was started with: STARTUPINFO's dwFlags and
 //                  wShowWindow, whether it has a console, the type and name of its
 //                  standard input and what a read of it gives, its PATH entry
-//                  its current directory and its own path
+//                  and its own path
 #include <windows.h>
 #include <winternl.h>
 
@@ -79,8 +79,6 @@ void show() {
     char byte;
     DWORD got = 0;
     const bool read = ReadFile(in, &byte, 1, &got, nullptr);
-    wchar_t cwd[MAX_PATH] = L"";
-    GetCurrentDirectoryW(MAX_PATH, cwd);
     wchar_t path[4096] = L"", self[MAX_PATH] = L"";
     GetEnvironmentVariableW(L"PATH", path, 4096);
     GetModuleFileNameW(nullptr, self, MAX_PATH);
@@ -88,8 +86,7 @@ void show() {
     std::snprintf(text, sizeof text, "flags=%lu show=%u console=%d stdin=%lu read=%s\n", si.dwFlags, si.wShowWindow,
                   GetConsoleCP() != 0, GetFileType(in),
                   read ? (got ? "data" : "eof") : GetLastError() == ERROR_BROKEN_PIPE ? "eof" : "error");
-    put(STD_OUTPUT_HANDLE, text + ("name=" + name + "\npath=" + utf8(path) + "\ncwd=" + utf8(cwd) +
-                                    "\nself=" + utf8(self) + "\n"));
+    put(STD_OUTPUT_HANDLE, text + ("name=" + name + "\npath=" + utf8(path) + "\nself=" + utf8(self) + "\n"));
 }
 
 }  // namespace
