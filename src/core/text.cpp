@@ -274,25 +274,27 @@ bool read_digits(std::string_view text, std::size_t pos, std::uint64_t limit, st
     }
     return true;
 }
+// What git writes: 1 to 18 ASCII digits, which always fit, read inline.
+// False (and `value` unspecified) for anything else.
+inline bool read_short_ascii(std::string_view text, std::int64_t& value) {
+    if (text.empty() || text.size() > 18) return false;
+    std::int64_t v = 0;
+    for (const char ch : text) {
+        const unsigned c = static_cast<unsigned char>(ch) - '0';
+        if (c > 9) return false;
+        v = v * 10 + c;
+    }
+    value = v;
+    return true;
+}
 }  // namespace
 
 DecimalInteger read_decimal_integer(std::string_view text) {
     DecimalInteger d;
     d.text = text;
-    // What git writes: up to 18 ASCII digits, read inline.
-    if (!text.empty() && text.size() <= 18) {
-        std::int64_t value = 0;
-        std::size_t i = 0;
-        for (; i < text.size(); ++i) {
-            const unsigned c = static_cast<unsigned char>(text[i]) - '0';
-            if (c > 9) break;
-            value = value * 10 + c;
-        }
-        if (i == text.size()) {
-            d.value = value;
-            d.valid = true;
-            return d;
-        }
+    if (read_short_ascii(text, d.value)) {
+        d.valid = true;
+        return d;
     }
     std::size_t pos = 0;
     const bool negative = !text.empty() && text[0] == '-';
@@ -307,20 +309,9 @@ DecimalInteger read_decimal_integer(std::string_view text) {
 
 Decimal line_count(std::string_view field) {
     Decimal d;
-    // git writes ASCII digits that fit: read those inline.
-    if (!field.empty() && field.size() <= 18) {
-        std::int64_t value = 0;
-        std::size_t pos = 0;
-        for (; pos < field.size(); ++pos) {
-            const unsigned c = static_cast<unsigned char>(field[pos]) - '0';
-            if (c > 9) break;
-            value = value * 10 + c;
-        }
-        if (pos == field.size()) {
-            d.text = field;
-            d.value = value;
-            return d;
-        }
+    if (read_short_ascii(field, d.value)) {
+        d.text = field;
+        return d;
     }
     std::uint64_t magnitude = 0;
     bool fits = true;
