@@ -275,6 +275,13 @@ private:
     bool paused_;
 };
 
+// Whether the interpreter has begun to finalise (the process is exiting).
+bool interpreter_finalizing();
+// PyEval_RestoreThread(saved), except that a thread that the exiting
+// interpreter would end there never returns (lock.cpp): every return to the
+// lock after releasing it goes through here.
+void take_lock_back(PyThreadState* saved);
+
 // Runs `work` with the interpreter lock released when `release` holds. The
 // work must touch no Python object.
 template <class F>
@@ -287,10 +294,10 @@ void without_gil(bool release, F&& work) {
     try {
         work();
     } catch (...) {
-        PyEval_RestoreThread(saved);
+        take_lock_back(saved);
         throw;
     }
-    PyEval_RestoreThread(saved);
+    take_lock_back(saved);
 }
 
 // Inputs smaller than this are scanned with the lock held: releasing it

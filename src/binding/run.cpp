@@ -193,10 +193,13 @@ private:
 
         // The lock is released for the whole run; a signal that interrupts
         // the wait takes it back briefly so the host's handler can run (and
-        // raise, which stops git).
+        // raise, which stops git). Once the interpreter is exiting the lock
+        // is not asked for: the run stops, git is killed and reaped, and the
+        // thread parks in take_lock_back below.
         PyThreadState* saved = nullptr;
         run.on_interrupt = [&saved]() {
-            PyEval_RestoreThread(saved);
+            if (interpreter_finalizing()) return true;
+            take_lock_back(saved);
             const bool stop = PyErr_CheckSignals() != 0;
             saved = PyEval_SaveThread();
             return stop;
@@ -206,10 +209,10 @@ private:
         try {
             outcome = run_git_process(argv, cwd, run);
         } catch (...) {
-            PyEval_RestoreThread(saved);
+            take_lock_back(saved);
             throw;
         }
-        PyEval_RestoreThread(saved);
+        take_lock_back(saved);
         if (outcome.status == RunStatus::Interrupted) throw PyErrSet{};  // the handler's exception
         return outcome;
     }
