@@ -18,7 +18,6 @@
 #include <sys/syscall.h>  // pidfds (Linux)
 #endif
 #include <sys/wait.h>
-#include <termios.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -135,20 +134,6 @@ void open_terminal(Fd& master, Fd& slave) {
         throw OsError(errno, "/dev/ptmx");
     slave.reset(::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC));
     if (slave.get() < 0) throw OsError(errno, name);
-}
-
-// Whether the caller is the foreground job of its controlling terminal.
-//
-// git then stays in the caller's process group, as under subprocess, so it can
-// read that terminal (standard input, or /dev/tty for a prompt) without being
-// stopped by SIGTTIN; a timeout kills git's process tree, found through parent
-// links (see Sweep). Otherwise git gets a process group of its own, which a
-// timeout kills with one signal, and a terminal read would stop it, as it would
-// stop the caller itself. The authors query gives git a fresh pseudo-terminal
-// that is nobody's controlling terminal, which any group may read.
-bool caller_is_foreground_job() {
-    Fd tty(::open("/dev/tty", O_RDONLY | O_NOCTTY | O_CLOEXEC | O_NONBLOCK));
-    return tty.get() >= 0 && ::tcgetpgrp(tty.get()) == ::getpgrp();
 }
 
 // The program to start: "git" in the first directory of the PATH of `env`
@@ -286,11 +271,10 @@ private:
     sigset_t caller_;
 };
 
-// What the system says of a process: its parent, its process group, and when
-// it started (in the unit of start_mark()).
+// What the system says of a process: its parent, and when it started (in the
+// unit of start_mark()).
 struct ProcStat {
     pid_t ppid = 0;
-    pid_t pgrp = 0;
     unsigned long long started = 0;
 };
 
@@ -322,13 +306,12 @@ bool read_stat(pid_t pid, ProcStat& st) {
     // last ')'.
     const char* p = std::strrchr(buf, ')');
     char state;
-    int ppid, pgrp;
+    int ppid;
     unsigned long long started;
-    if (!p || std::sscanf(p + 1, " %c %d %d %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %llu",
-                          &state, &ppid, &pgrp, &started) != 4)
+    if (!p || std::sscanf(p + 1, " %c %d %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %llu",
+                          &state, &ppid, &started) != 3)
         return false;
     st.ppid = ppid;
-    st.pgrp = pgrp;
     st.started = started;
     return true;
 }
@@ -398,7 +381,6 @@ bool read_stat(pid_t pid, ProcStat& st) {
     proc_bsdinfo info{};
     if (::proc_pidinfo(pid, PROC_PIDTBSDINFO, 0, &info, sizeof info) != static_cast<int>(sizeof info)) return false;
     st.ppid = static_cast<pid_t>(info.pbi_ppid);
-    st.pgrp = static_cast<pid_t>(info.pbi_pgid);
     st.started = static_cast<unsigned long long>(info.pbi_start_tvsec) * 1000000ULL + info.pbi_start_tvusec;
     return true;
 }
@@ -447,7 +429,7 @@ bool holds_write_end(pid_t pid, const PipeId (&ids)[2]) {
 
 #else
 
-// No way to list processes: a timeout ends git and its process group only.
+// No way to list processes: a timeout ends git only.
 unsigned long long start_mark() { return 0; }
 bool read_stat(pid_t, ProcStat&) { return false; }
 template <class Visit>
@@ -458,11 +440,10 @@ bool holds_write_end(pid_t, const PipeId (&)[2]) { return false; }
 #endif
 
 // Stops, then kills, everything one run started and may still be running:
-// git's descendants (followed through parent links, also those that left its
-// process group), the members of git's own process group when it has one,
-// and, while one of our pipes is still open, every process that holds its
-// write end (a grandchild whose parent exited belongs to init by now, and
-// can be found only that way). Each process is stopped as soon as it is
+// git's descendants (followed through parent links, whatever process group or
+// session they moved to), and, while one of our pipes is still open, every
+// process that holds its write end (a grandchild whose parent exited belongs
+// to init by now, and can be found only that way). Each process is stopped as soon as it is
 // found, so that it starts nothing new, and the process table (/proc, or
 // libproc on macOS) is read again until a pass finds nobody new; then all of
 // them are killed.
@@ -476,9 +457,9 @@ bool holds_write_end(pid_t, const PipeId (&)[2]) { return false; }
 // than git (other runs, a fork() of the host) are never taken.
 class Sweep {
 public:
-    Sweep(pid_t git, int git_pidfd, bool git_gone, unsigned long long git_started, bool own_group,
-          const PipeId (&pipes)[2], bool pipes_open, bool use_pidfd)
-        : git_(git), git_pidfd_(git_pidfd), git_gone_(git_gone), own_group_(own_group), pipes_open_(pipes_open),
+    Sweep(pid_t git, int git_pidfd, bool git_gone, unsigned long long git_started, const PipeId (&pipes)[2],
+          bool pipes_open, bool use_pidfd)
+        : git_(git), git_pidfd_(git_pidfd), git_gone_(git_gone), pipes_open_(pipes_open),
           use_pidfd_(use_pidfd), self_(::getpid()), git_started_(git_started) {
         pipes_[0] = pipes[0];
         pipes_[1] = pipes[1];
@@ -503,7 +484,7 @@ private:
     bool ours(pid_t pid) const {
         ProcStat st;
         if (!read_stat(pid, st) || st.started < git_started_ || st.ppid == self_) return false;
-        if (!git_gone_ && (st.ppid == git_ || (own_group_ && st.pgrp == git_))) return true;
+        if (!git_gone_ && st.ppid == git_) return true;
         if (std::any_of(found_.begin(), found_.end(), [&](const auto& f) { return f.first == st.ppid; })) return true;
         return pipes_open_ && holds_write_end(pid, pipes_);
     }
@@ -525,7 +506,7 @@ private:
 
     pid_t git_;
     int git_pidfd_;
-    bool git_gone_, own_group_, pipes_open_, use_pidfd_;
+    bool git_gone_, pipes_open_, use_pidfd_;
     pid_t self_;
     unsigned long long git_started_;
     PipeId pipes_[2];
@@ -533,14 +514,13 @@ private:
 };
 
 // The one owner of the started git. Git is kept unreaped (a zombie once it has
-// exited) until the run ends, so its pid and its process group id cannot be
-// reused while the run may still signal them; it is reaped once, at the end,
-// on every way out.
+// exited) until the run ends, so its pid cannot be reused while the run may
+// still signal it; it is reaped once, at the end, on every way out.
 class Child {
 public:
     // `pipes`: our read ends, open as long as this object lives.
-    Child(pid_t pid, unsigned long long started, bool own_group, bool use_pidfd, const int (&pipes)[2])
-        : pid_(pid), started_(started), own_group_(own_group), use_pidfd_(use_pidfd) {
+    Child(pid_t pid, unsigned long long started, bool use_pidfd, const int (&pipes)[2])
+        : pid_(pid), started_(started), use_pidfd_(use_pidfd) {
         pipes_[0] = pipes[0];
         pipes_[1] = pipes[1];
         if (use_pidfd_) {
@@ -585,11 +565,8 @@ public:
         // not be signalled after that.
         if (!exited_) learn_exit(false);
         const PipeId ids[2] = {pipe_id(pipes_[0]), pipe_id(pipes_[1])};
-        Sweep(pid_, pidfd_.get(), gone_, started_, own_group_, ids, pipes_open, use_pidfd_).run();
-        if (!gone_) {
-            if (own_group_) ::kill(-pid_, SIGKILL);  // git's group id is still held by git
-            send_signal(pid_, pidfd_.get(), SIGKILL);
-        }
+        Sweep(pid_, pidfd_.get(), gone_, started_, ids, pipes_open, use_pidfd_).run();
+        if (!gone_) send_signal(pid_, pidfd_.get(), SIGKILL);
         reap();
     }
 
@@ -610,7 +587,7 @@ private:
     pid_t pid_;
     unsigned long long started_;  // no later than git's start, in start_mark() units
     Fd pidfd_;
-    bool own_group_, use_pidfd_;
+    bool use_pidfd_;
     int pipes_[2];
     bool exited_ = false, gone_ = false, reaped_ = false;
     int code_ = 0;
@@ -678,11 +655,6 @@ Outcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
     for (int sig : {SIGPIPE, SIGXFSZ, SIGCHLD}) sigaddset(&defaults, sig);
     posix_spawnattr_setsigdefault(&setup.attr, &defaults);
     posix_spawnattr_setsigmask(&setup.attr, &empty);
-    const bool own_group = !caller_is_foreground_job();
-    if (own_group) {
-        posix_spawnattr_setpgroup(&setup.attr, 0);
-        flags |= POSIX_SPAWN_SETPGROUP;
-    }
     posix_spawnattr_setflags(&setup.attr, flags);
 
     std::vector<char*> argv;
@@ -704,7 +676,7 @@ Outcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
         if (rc == ENOENT) return {RunStatus::NotFound, 0};
         throw OsError(rc, failed_start_filename(request.cwd));
     }
-    Child child(pid, started, own_group, request.use_pidfd, pipes);
+    Child child(pid, started, request.use_pidfd, pipes);
     out_w.reset();
     err_w.reset();
     tty_slave.reset();
