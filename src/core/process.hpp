@@ -51,6 +51,9 @@ struct Request {
     // False: watch git as on a kernel without pidfd (waitid polling, signals
     // by pid), so that path can be tested on any kernel.
     bool use_pidfd = true;
+    // False (Linux): start git by vfork and exec, as where posix_spawn cannot
+    // (glibc before 2.34, a kernel that refuses its clone3), on any system.
+    bool use_posix_spawn = true;
     StartOptions start = {};
 };
 

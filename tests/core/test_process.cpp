@@ -136,6 +136,125 @@ INSTANTIATE_TEST_SUITE_P(
         return std::string(std::get<0>(info.param).name) + (std::get<1>(info.param) ? "_sigchld_ignored" : "");
     });
 
+// git started by posix_spawn and by vfork and exec (the start where
+// posix_spawn cannot: an older glibc, a sandbox refusing clone3) gets the same
+// setup and fails the same way: PATH searched past gits that cannot run, each
+// standard input mode, no descriptor or blocked or ignored signal of the host.
+const char* const kProbe = R"sh(#!/bin/sh
+PATH=/usr/bin:/bin
+echo "cwd=$(pwd)"
+echo "stdin=$(readlink /proc/$$/fd/0)"
+echo "fds=$(ls /proc/$$/fd | sort -n | tr '\n' ' ')"
+exec grep -E '^(SigBlk|SigIgn)' /proc/self/status
+)sh";
+
+struct SetupCase {
+    const char* name;
+    std::vector<const char*> path;  // bin directories: probe, noexec (no #!), nointerp (#! to nothing), noperm
+    StdinMode stdin_mode;
+    const char* cwd;  // "dir", "missing" or "file"
+    RunStatus status;
+    int error;  // the OsError's, when not 0
+};
+void PrintTo(const SetupCase& c, std::ostream* os) { *os << c.name; }
+class StartMethods : public ::testing::TestWithParam<SetupCase> {};
+
+TEST_P(StartMethods, SetGitUpAlikeAndFailAlike) {
+    const SetupCase& c = GetParam();
+    const auto root = std::filesystem::temp_directory_path() / ("start-" + std::to_string(::getpid()));
+    const std::pair<const char*, const char*> gits[] = {
+        {"probe", kProbe}, {"noexec", "echo no interpreter line\n"}, {"nointerp", "#!/no/such/shell\n"}, {"noperm", ""}};
+    for (const auto& [dir, text] : gits) {
+        std::filesystem::create_directories(root / dir);
+        std::ofstream(root / dir / "git") << text;
+        std::filesystem::permissions(root / dir / "git", std::string(dir) == "noperm" ? std::filesystem::perms::owner_read
+                                                                                    : std::filesystem::perms::owner_all);
+    }
+    std::ofstream(root / "file") << "";
+    std::string path;
+    for (const char* dir : c.path) {
+        if (!path.empty()) path += ':';
+        path += (root / dir).string();
+    }
+    const std::string cwd = (root / c.cwd).string();
+    if (std::string(c.cwd) == "dir") std::filesystem::create_directories(cwd);
+
+    // What the host holds that git must not get: a descriptor without
+    // close-on-exec, SIGPIPE ignored, SIGUSR2 blocked.
+    int pipe_fds[2];
+    ASSERT_EQ(::pipe(pipe_fds), 0);
+    ASSERT_EQ(::dup2(pipe_fds[1], 100), 100);
+    struct sigaction ignore {}, saved {};
+    ignore.sa_handler = SIG_IGN;
+    sigaction(SIGPIPE, &ignore, &saved);
+    sigset_t usr2, mask;
+    sigemptyset(&usr2);
+    sigaddset(&usr2, SIGUSR2);
+    pthread_sigmask(SIG_BLOCK, &usr2, &mask);
+
+    std::string outputs[2];
+    for (bool spawn : {true, false}) {
+        const Environment env({"PATH=" + path});
+        const std::vector<std::string> args;
+        const std::function<bool()> no_hook;
+        process::OutputBuffer out, err;
+        try {
+            const auto outcome = process::run({.args = args, .cwd = cwd, .env = env, .stdin_mode = c.stdin_mode,
+                                               .on_interrupt = no_hook, .use_posix_spawn = spawn},
+                                              out, err);
+            EXPECT_EQ(std::tuple(outcome.status, 0), std::tuple(c.status, c.error)) << "posix_spawn: " << spawn;
+            outputs[spawn] = out.take() + err.take();
+        } catch (const OsError& e) {
+            EXPECT_EQ(std::tuple(RunStatus::Exited, e.code().value(), e.filename()),
+                      std::tuple(c.status, c.error, std::string(c.cwd) == "file" ? cwd : "git"))
+                << "posix_spawn: " << spawn;
+        }
+    }
+    pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+    sigaction(SIGPIPE, &saved, nullptr);
+    ::close(100);
+    ::close(pipe_fds[0]);
+    ::close(pipe_fds[1]);
+    std::filesystem::remove_all(root);
+    while (::waitpid(-1, nullptr, WNOHANG) > 0) {
+    }
+
+    if (c.status != RunStatus::Exited || c.error) return;
+    const std::string host_stdin = std::filesystem::read_symlink("/proc/self/fd/0").string();
+    const std::string expected_stdin = c.stdin_mode == StdinMode::Null ? "/dev/null" : c.stdin_mode == StdinMode::Inherit ? host_stdin : "/dev/pts/";
+    EXPECT_NE(outputs[1].find("cwd=" + cwd + "\nstdin=" + expected_stdin), std::string::npos) << outputs[1];
+    EXPECT_EQ(outputs[1].find(" 100 "), std::string::npos) << outputs[1];
+    // The terminals' numbers differ, and glibc's posix_spawn leaves its own two
+    // signals (32 and 33, which the host cannot handle) ignored; everything
+    // else is the same, and no signal is blocked or ignored.
+    for (std::string& o : outputs) {
+        if (auto at = o.find("/dev/pts/"); at != std::string::npos) o.erase(at + 9, o.find('\n', at) - at - 9);
+        if (auto at = o.find("SigIgn:\t"); at != std::string::npos) {
+            char masked[17];
+            std::snprintf(masked, sizeof masked, "%016llx", std::stoull(o.substr(at + 8, 16), nullptr, 16) & ~0x180000000ULL);
+            o.replace(at + 8, 16, masked);
+        }
+    }
+    EXPECT_NE(outputs[1].find("SigBlk:\t0000000000000000\nSigIgn:\t0000000000000000\n"), std::string::npos) << outputs[1];
+    EXPECT_EQ(outputs[0], outputs[1]);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, StartMethods,
+    ::testing::Values(SetupCase{"stdin_inherited", {"probe"}, StdinMode::Inherit, "dir", RunStatus::Exited, 0},
+                      SetupCase{"stdin_null", {"probe"}, StdinMode::Null, "dir", RunStatus::Exited, 0},
+                      SetupCase{"stdin_terminal", {"probe"}, StdinMode::Terminal, "dir", RunStatus::Exited, 0},
+                      SetupCase{"unrunnable_gits_first", {"nointerp", "noexec", "noperm", "probe"}, StdinMode::Inherit,
+                                "dir", RunStatus::Exited, 0},
+                      SetupCase{"only_unrunnable_gits", {"nointerp", "noexec", "noperm"}, StdinMode::Inherit, "dir",
+                                RunStatus::Exited, ENOEXEC},
+                      SetupCase{"only_a_missing_interpreter", {"nointerp"}, StdinMode::Inherit, "dir",
+                                RunStatus::NotFound, 0},
+                      SetupCase{"missing_directory", {"probe"}, StdinMode::Inherit, "missing", RunStatus::NotFound, 0},
+                      SetupCase{"directory_is_a_file", {"noexec", "probe"}, StdinMode::Inherit, "file",
+                                RunStatus::Exited, ENOTDIR}),
+    [](const auto& info) { return std::string(info.param.name); });
+
 TEST(Runner, ASignalEndsTheWaitAtOnceAndTheHookStopsTheRun) {
     static volatile sig_atomic_t fired = 0;
     struct sigaction alarm {}, saved {};

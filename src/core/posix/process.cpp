@@ -1,5 +1,7 @@
 // Starting git on POSIX systems and watching it to the end: posix_spawn with
-// a pipe for each output, a wait on non-blocking read ends (ppoll) that looks
+// a pipe for each output (on Linux, vfork and exec where posix_spawn cannot
+// do it: an older glibc, a sandbox that refuses its clone3), git found on PATH
+// as subprocess finds it, a wait on non-blocking read ends (ppoll) that looks
 // at the deadline on every wake-up, and one owner of the child that, on every
 // way out, kills what the run started and reaps git.
 //
@@ -22,6 +24,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -120,61 +123,315 @@ void make_pipe(Fd& read_end, Fd& write_end) {
 }
 
 // A pseudo-terminal slave for git's stdin (the master is kept open so the
-// slave never reports a hang-up).
-void open_terminal(Fd& master, Fd& slave) {
+// slave never reports a hang-up). False where none can be made (a container
+// without a /dev/pts of its own, a system without pseudo-terminals).
+bool open_terminal(Fd& master, Fd& slave) {
     master.reset(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
     if (master.get() < 0 && errno == EINVAL) {  // a system that takes no O_CLOEXEC here
         master.reset(::posix_openpt(O_RDWR | O_NOCTTY));
         if (master.get() >= 0) ::fcntl(master.get(), F_SETFD, FD_CLOEXEC);
     }
-    if (master.get() < 0) throw OsError(errno, "/dev/ptmx");
     char name[128];
-    if (::grantpt(master.get()) != 0 || ::unlockpt(master.get()) != 0 ||
+    if (master.get() < 0 || ::grantpt(master.get()) != 0 || ::unlockpt(master.get()) != 0 ||
         ::ptsname_r(master.get(), name, sizeof name) != 0)
-        throw OsError(errno, "/dev/ptmx");
+        return false;
     slave.reset(::open(name, O_RDWR | O_NOCTTY | O_CLOEXEC));
-    if (slave.get() < 0) throw OsError(errno, name);
+    return slave.get() >= 0;
 }
 
-// The program to start: "git" in the first directory of the PATH of `env`
-// that holds an executable file of that name, as execvp looks for it (and as
-// subprocess does when given an environment). A relative directory is taken
-// from git's working directory, where execve resolves it. When none holds
-// one, the first name that exists (so the start fails as it would under
-// subprocess, with EACCES for a file that cannot be run), else the first
-// name.
-std::string find_git(const Environment& env, const std::string& cwd) {
-    std::string_view path = "/bin:/usr/bin";  // when PATH is unset, as os.defpath
+// The error number chdir would give for `cwd` (0: it can be entered), found
+// without entering it: the working directory belongs to the whole process.
+int directory_error(const char* cwd) {
+    struct stat st;
+    if (::stat(cwd, &st) != 0) return errno;
+    if (!S_ISDIR(st.st_mode)) return ENOTDIR;
+    return ::access(cwd, X_OK) == 0 ? 0 : errno;
+}
+
+// What every attempt of one run to start git shares.
+struct Launch {
+    char* const* argv;
+    char* const* envp;
+    const char* cwd;
+    StdinMode stdin_mode;  // Terminal: `terminal` is git's standard input
+    int terminal;
+    int out, err;  // the write ends of the pipes
+};
+
+// How one attempt ended: 0, or the error number and whether it came from
+// entering the working directory (otherwise from running the program).
+struct Attempt {
+    int error = 0;
+    bool in_directory = false;
+};
+
+// posix_spawn sets up git's descriptors, directory and signals in the child
+// (SpawnSetup, filled by spawn_setup()).
+Attempt start_with_spawn(const Launch& launch, const SpawnSetup& setup, const char* program, pid_t& pid) {
+    const int rc = ::posix_spawn(&pid, program, &setup.actions, &setup.attr, launch.argv, launch.envp);
+    if (rc == 0) return {};
+    // The directory is entered before the program runs; the failure is its
+    // own when it cannot be entered.
+    return {rc, directory_error(launch.cwd) != 0};
+}
+
+#if defined(__GLIBC__)
+// posix_spawn_file_actions_addchdir_np came with glibc 2.29 and
+// posix_spawn_file_actions_addclosefrom_np with 2.34. Whether this glibc has
+// them is found when the library is loaded (they are referenced weakly, and
+// read as null when absent), not when it is built: a build for an older glibc
+// (a wheel for glibc 2.17) runs on newer ones and uses them there. Where one
+// is missing, git is started by fork and exec instead (start_with_fork).
+extern "C" {
+int posix_spawn_file_actions_addchdir_np(posix_spawn_file_actions_t*, const char*) noexcept __attribute__((weak));
+int posix_spawn_file_actions_addclosefrom_np(posix_spawn_file_actions_t*, int) noexcept __attribute__((weak));
+}
+#endif
+
+#if defined(__linux__)
+#define GIT_UTILS_FORK_START 1
+
+// Set once the kernel refused a posix_spawn (EPERM or ENOSYS for its clone3:
+// container seccomp profiles of 2021 refused clone3 with EPERM, and glibc
+// 2.34 and later fall back to clone only on ENOSYS) and a fork start worked:
+// every later run of the process starts git by fork at once.
+std::atomic<bool> spawn_refused{false};
+
+// Where the child of a fork start reports the step that failed, in the memory
+// it shares with its parent until the exec.
+struct ChildReport {
+    int error;
+    int in_directory;
+};
+
+// Closes every descriptor from 3 up: close_range (Linux 5.9), else each one
+// listed in /proc/self/fd (read with getdents64 into the stack), else every
+// number up to the limit of open files. For the child of a fork start: no
+// allocation.
+__attribute__((no_sanitize("address"))) void close_from_3() noexcept {
+#ifdef SYS_close_range
+    if (::syscall(SYS_close_range, 3U, ~0U, 0U) == 0) return;
+#endif
+    const int dir = ::open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dir >= 0) {
+        alignas(8) char entries[2048];
+        long n;
+        while ((n = ::syscall(SYS_getdents64, dir, entries, sizeof entries)) > 0) {
+            for (long at = 0; at < n;) {
+                // struct linux_dirent64: inode, offset, record length, type, name
+                unsigned short length;
+                std::memcpy(&length, entries + at + 16, sizeof length);
+                const char* name = entries + at + 19;
+                int fd = 0;
+                for (; *name >= '0' && *name <= '9'; ++name) fd = fd * 10 + (*name - '0');
+                if (*name == '\0' && fd >= 3 && fd != dir) ::close(fd);
+                at += length;
+            }
+        }
+        ::close(dir);
+        if (n == 0) return;
+    }
+    const long limit = ::sysconf(_SC_OPEN_MAX);
+    for (long fd = 3; fd < limit; ++fd) ::close(static_cast<int>(fd));
+}
+
+// The child of a fork start, between vfork and exec: system calls only, with
+// every signal held (it runs on the parent's memory until the exec). It sets
+// git up as the posix_spawn start does and as subprocess's child does: each
+// signal the host catches back to its default (its handler would run here, on
+// the parent's memory), SIGPIPE, SIGXFSZ and SIGCHLD to their defaults, git's
+// three standard descriptors, the working directory, nothing else open, no
+// signal held; then the program. A failed step is reported to the parent.
+[[noreturn]] __attribute__((noinline, no_sanitize("address"))) void exec_child(
+    const Launch& launch, const char* program, volatile ChildReport& report) noexcept {
+    struct sigaction default_action {};
+    default_action.sa_handler = SIG_DFL;
+    for (int sig = 1; sig < NSIG; ++sig) {
+        struct sigaction now {};
+        if (sig == SIGKILL || sig == SIGSTOP || ::sigaction(sig, nullptr, &now) != 0) continue;
+        const bool caught = now.sa_handler != SIG_DFL && now.sa_handler != SIG_IGN;
+        if (caught || sig == SIGPIPE || sig == SIGXFSZ || sig == SIGCHLD) ::sigaction(sig, &default_action, nullptr);
+    }
+    const auto fail = [&](int error, bool in_directory) {
+        report.error = error;
+        report.in_directory = in_directory;
+        ::_exit(127);
+    };
+    if (launch.stdin_mode == StdinMode::Null) {
+        const int null = ::open("/dev/null", O_RDONLY);
+        if (null < 0) fail(errno, false);
+        if (null != 0 && (::dup2(null, 0) < 0 || ::close(null) != 0)) fail(errno, false);
+    } else if (launch.stdin_mode == StdinMode::Terminal && ::dup2(launch.terminal, 0) < 0) {
+        fail(errno, false);
+    }
+    if (::dup2(launch.out, 1) < 0 || ::dup2(launch.err, 2) < 0) fail(errno, false);
+    if (::chdir(launch.cwd) != 0) fail(errno, true);
+    close_from_3();
+    sigset_t none;
+    sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    ::execve(program, launch.argv, launch.envp);
+    fail(errno, false);
+    __builtin_unreachable();
+}
+
+// Starts `program` the way subprocess does: vfork, then exec_child. For
+// systems where posix_spawn cannot set git up (glibc before 2.34) or where the
+// kernel refuses its clone.
+Attempt start_with_fork(const Launch& launch, const char* program, pid_t& pid) {
+    // git's descriptors are moved above 2 (a host that closed its own
+    // standard descriptors gets pipes there), so that putting one in place
+    // cannot overwrite another.
+    Launch moved = launch;
+    Fd copies[3];
+    const auto above_2 = [](int& fd, Fd& copy) {
+        if (fd < 0 || fd > 2) return;
+        copy.reset(::fcntl(fd, F_DUPFD_CLOEXEC, 3));
+        if (copy.get() < 0) throw OsError(errno, "git");
+        fd = copy.get();
+    };
+    above_2(moved.out, copies[0]);
+    above_2(moved.err, copies[1]);
+    if (moved.stdin_mode == StdinMode::Terminal) above_2(moved.terminal, copies[2]);
+
+    volatile ChildReport report{0, 0};
+    sigset_t all, caller;
+    sigfillset(&all);
+    ::pthread_sigmask(SIG_SETMASK, &all, &caller);
+    const pid_t child = ::vfork();
+    if (child == 0) exec_child(moved, program, report);
+    const int vfork_error = errno;
+    ::pthread_sigmask(SIG_SETMASK, &caller, nullptr);
+    if (child < 0) throw OsError(vfork_error, "git");
+    if (report.error != 0) {
+        int status;
+        while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+        }
+        return {report.error, report.in_directory != 0};
+    }
+    pid = child;
+    return {};
+}
+#endif
+
+// Whether posix_spawn can set git up completely here (on glibc: whether this
+// one has the two file actions above).
+bool spawn_complete() {
+#if defined(__GLIBC__)
+    return posix_spawn_file_actions_addchdir_np != nullptr && posix_spawn_file_actions_addclosefrom_np != nullptr;
+#else
+    return true;
+#endif
+}
+
+// The file actions and attributes of a posix_spawn start.
+void spawn_setup(SpawnSetup& setup, const Launch& launch) {
+    if (launch.stdin_mode == StdinMode::Null)
+        posix_spawn_file_actions_addopen(&setup.actions, 0, "/dev/null", O_RDONLY, 0);
+    else if (launch.stdin_mode == StdinMode::Terminal)
+        posix_spawn_file_actions_adddup2(&setup.actions, launch.terminal, 0);
+    posix_spawn_file_actions_adddup2(&setup.actions, launch.out, 1);
+    posix_spawn_file_actions_adddup2(&setup.actions, launch.err, 2);
+    posix_spawn_file_actions_addchdir_np(&setup.actions, launch.cwd);
+    short flags = POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK;
+    // Like subprocess's close_fds: git inherits nothing but 0, 1 and 2.
+#if defined(__GLIBC__) || defined(GIT_UTILS_HAVE_SPAWN_ADDCLOSEFROM)
+    posix_spawn_file_actions_addclosefrom_np(&setup.actions, 3);
+#elif defined(GIT_UTILS_HAVE_SPAWN_CLOEXEC_DEFAULT)
+    flags |= POSIX_SPAWN_CLOEXEC_DEFAULT;  // everything not named by a file action closes
+    if (launch.stdin_mode == StdinMode::Inherit) posix_spawn_file_actions_addinherit_np(&setup.actions, 0);
+#endif
+    // Signals the host ignores or blocks are not git's business: SIGPIPE and
+    // SIGXFSZ back to their defaults as subprocess does, and SIGCHLD too (git
+    // waits for the programs it runs, which fails where SIGCHLD is ignored);
+    // no blocked signals inherited from the calling thread. (posix_spawn puts
+    // the signals the host catches back to their defaults itself.)
+    sigset_t defaults, empty;
+    sigemptyset(&empty);
+    sigemptyset(&defaults);
+    for (int sig : {SIGPIPE, SIGXFSZ, SIGCHLD}) sigaddset(&defaults, sig);
+    posix_spawnattr_setsigdefault(&setup.attr, &defaults);
+    posix_spawnattr_setsigmask(&setup.attr, &empty);
+    posix_spawnattr_setflags(&setup.attr, flags);
+}
+
+// One attempt to start `program`: posix_spawn when `setup` is given, else (and
+// when the kernel refuses posix_spawn's clone) by fork.
+Attempt start_program(const Launch& launch, const SpawnSetup* setup, const char* program, pid_t& pid) {
+#if defined(GIT_UTILS_FORK_START)
+    if (!setup || spawn_refused.load(std::memory_order_relaxed)) return start_with_fork(launch, program, pid);
+    const Attempt spawned = start_with_spawn(launch, *setup, program, pid);
+    if (spawned.error != EPERM && spawned.error != ENOSYS) return spawned;
+    // EPERM also comes from exec itself (a set-user-ID program on a nosuid
+    // mount, a security module); only when the fork start fails otherwise was
+    // it the clone.
+    const Attempt forked = start_with_fork(launch, program, pid);
+    if (forked.error != spawned.error || forked.in_directory) spawn_refused.store(true, std::memory_order_relaxed);
+    return forked;
+#else
+    return start_with_spawn(launch, *setup, program, pid);
+#endif
+}
+
+// Starts git from the first entry of the PATH of `env` whose git can run,
+// trying the entries in order as subprocess's child does (and the shell): a
+// name that does not exist (ENOENT, ENOTDIR; also a script whose interpreter
+// does not) is passed over silently; any other failure (ENOEXEC for a file
+// without #! or for another machine, EACCES for one that is no executable
+// file) is remembered, and the search goes on. A relative entry names a
+// directory under git's working directory, where execve resolves it. When
+// PATH is unset, /bin:/usr/bin, as os.defpath.
+//
+// False when no entry has a git that exists; OsError with the first failure
+// remembered when none could run. The working directory comes first, as
+// subprocess enters it before it looks for the program: when it cannot be
+// entered, that is the error (ENOENT: false, "git not found", like a missing
+// git).
+bool start_git(const Launch& launch, const Environment& env, const SpawnSetup* setup, pid_t& pid) {
+    std::string_view path = "/bin:/usr/bin";
     for (std::size_t i = 0; i < env.size(); ++i) {
         if (env[i].starts_with("PATH=")) {
             path = env[i].substr(5);
             break;  // the first, as getenv finds it
         }
     }
-    std::string first, existing;
+    const std::string_view cwd = launch.cwd;
+    int first_failure = 0;
+    bool tried = false;
     for (std::size_t start = 0;;) {
         const std::size_t end = path.find(':', start);
-        std::string_view dir = path.substr(start, end == std::string_view::npos ? std::string_view::npos : end - start);
-        std::string candidate = std::string(dir.empty() ? "." : dir) + "/git";
-        const std::string checked = candidate[0] == '/' || cwd.empty() ? candidate : cwd + "/" + candidate;
+        const std::string_view dir = path.substr(start, end == std::string_view::npos ? end : end - start);
+        const std::string program = std::string(dir.empty() ? "." : dir) + "/git";
+        const std::string checked = program[0] == '/' || cwd.empty() ? program : std::string(cwd) + "/" + program;
+        // Names that cannot run are told apart without starting anything,
+        // with the error execve gives for them.
         struct stat st;
-        if (::stat(checked.c_str(), &st) == 0) {
-            if (S_ISREG(st.st_mode) && ::access(checked.c_str(), X_OK) == 0) return candidate;
-            if (existing.empty()) existing = candidate;
+        int error = ::stat(checked.c_str(), &st) != 0      ? errno
+                    : !S_ISREG(st.st_mode)                  ? EACCES
+                    : ::access(checked.c_str(), X_OK) != 0 ? errno
+                                                            : 0;
+        if (error == 0) {
+            tried = true;
+            const Attempt attempt = start_program(launch, setup, program.c_str(), pid);
+            if (attempt.error == 0) return true;
+            if (attempt.in_directory) {
+                if (attempt.error == ENOENT) return false;
+                throw OsError(attempt.error, launch.cwd);
+            }
+            error = attempt.error;
         }
-        if (first.empty()) first = candidate;
+        if (error != ENOENT && error != ENOTDIR && first_failure == 0) first_failure = error;
         if (end == std::string_view::npos) break;
         start = end + 1;
     }
-    return existing.empty() ? first : existing;
-}
-
-// The file a start failure concerns, as subprocess reports it: the working
-// directory when it cannot be entered, otherwise the program.
-std::string failed_start_filename(const std::string& cwd) {
-    struct stat st;
-    if (::stat(cwd.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || ::access(cwd.c_str(), X_OK) != 0) return cwd;
-    return "git";
+    if (!tried) {
+        if (const int error = directory_error(launch.cwd)) {
+            if (error == ENOENT) return false;
+            throw OsError(error, launch.cwd);
+        }
+    }
+    if (first_failure != 0) throw OsError(first_failure, "git");
+    return false;
 }
 
 int pidfd_open(pid_t pid) {
@@ -626,36 +883,10 @@ Outcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
 #endif
     const int pipes[2] = {streams[0].fd.get(), streams[1].fd.get()};
 
-    SpawnSetup setup;
-    if (request.stdin_mode == StdinMode::Null) {
-        posix_spawn_file_actions_addopen(&setup.actions, 0, "/dev/null", O_RDONLY, 0);
-    } else if (request.stdin_mode == StdinMode::Terminal) {
-        open_terminal(tty_master, tty_slave);
-        posix_spawn_file_actions_adddup2(&setup.actions, tty_slave.get(), 0);
-    }
-    posix_spawn_file_actions_adddup2(&setup.actions, out_w.get(), 1);
-    posix_spawn_file_actions_adddup2(&setup.actions, err_w.get(), 2);
-    posix_spawn_file_actions_addchdir_np(&setup.actions, request.cwd.c_str());
-    short flags = POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK;
-    // Like subprocess's close_fds: git inherits nothing but 0, 1 and 2.
-#if defined(GIT_UTILS_HAVE_SPAWN_ADDCLOSEFROM)
-    posix_spawn_file_actions_addclosefrom_np(&setup.actions, 3);
-#elif defined(GIT_UTILS_HAVE_SPAWN_CLOEXEC_DEFAULT)
-    flags |= POSIX_SPAWN_CLOEXEC_DEFAULT;  // everything not named by a file action closes
-    if (request.stdin_mode == StdinMode::Inherit) posix_spawn_file_actions_addinherit_np(&setup.actions, 0);
-#endif
-
-    // Signals the host ignores or blocks are not git's business: SIGPIPE and
-    // SIGXFSZ back to their defaults as subprocess does, and SIGCHLD too (git
-    // waits for the programs it runs, which fails where SIGCHLD is ignored);
-    // no blocked signals inherited from the calling thread.
-    sigset_t defaults, empty;
-    sigemptyset(&empty);
-    sigemptyset(&defaults);
-    for (int sig : {SIGPIPE, SIGXFSZ, SIGCHLD}) sigaddset(&defaults, sig);
-    posix_spawnattr_setsigdefault(&setup.attr, &defaults);
-    posix_spawnattr_setsigmask(&setup.attr, &empty);
-    posix_spawnattr_setflags(&setup.attr, flags);
+    // Where no pseudo-terminal can be made, git reads the host's standard
+    // input, as the plain runner gives it.
+    StdinMode stdin_mode = request.stdin_mode;
+    if (stdin_mode == StdinMode::Terminal && !open_terminal(tty_master, tty_slave)) stdin_mode = StdinMode::Inherit;
 
     std::vector<char*> argv;
     argv.reserve(request.args.size() + 2);
@@ -667,15 +898,18 @@ Outcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
     envp.reserve(request.env.size() + 1);
     for (std::size_t i = 0; i < request.env.size(); ++i) envp.push_back(const_cast<char*>(request.env.c_str(i)));
     envp.push_back(nullptr);
-    const std::string program = find_git(request.env, request.cwd);
+    const Launch launch{argv.data(), envp.data(), request.cwd.c_str(), stdin_mode, tty_slave.get(), out_w.get(), err_w.get()};
+    SpawnSetup setup;
+#if defined(GIT_UTILS_FORK_START)
+    const bool spawn = request.use_posix_spawn && spawn_complete();
+#else
+    const bool spawn = true;
+#endif
+    if (spawn) spawn_setup(setup, launch);
 
     const unsigned long long started = start_mark();
     pid_t pid = -1;
-    int rc = ::posix_spawn(&pid, program.c_str(), &setup.actions, &setup.attr, argv.data(), envp.data());
-    if (rc != 0) {
-        if (rc == ENOENT) return {RunStatus::NotFound, 0};
-        throw OsError(rc, failed_start_filename(request.cwd));
-    }
+    if (!start_git(launch, request.env, spawn ? &setup : nullptr, pid)) return {RunStatus::NotFound, 0};
     Child child(pid, started, request.use_pidfd, pipes);
     out_w.reset();
     err_w.reset();
@@ -745,7 +979,7 @@ Outcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
 }  // namespace process
 SilentTerminal::SilentTerminal() {
     process::Fd master, slave;
-    process::open_terminal(master, slave);
+    if (!process::open_terminal(master, slave)) return;  // none to be had: fd() is -1
     // End of file on the terminal (it starts in canonical mode), so a git that
     // reads standard input does not wait for it.
     const char eof = 0x04;
