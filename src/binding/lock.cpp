@@ -22,10 +22,10 @@
 //    unwinds nothing.
 // A parked thread holds no lock and touches nothing; the process ends as the
 // exiting thread decides, exactly as with a daemon thread that CPython ends.
+#include "common.hpp"  // Python.h first, as it asks
+
 #include <chrono>
 #include <thread>
-
-#include "common.hpp"
 
 #if defined(__GLIBC__)
 #include <pthread.h>

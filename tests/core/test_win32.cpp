@@ -179,12 +179,15 @@ TEST(Win32Runner, SixteenThreadsAtOnceKeepTheirOwnPipes) {
     }
 }
 
-// git is found on PATH with PATHEXT, and only there.
+// git is found on PATH with PATHEXT, and only there; a git.exe that cannot
+// run is passed over, and is the error when no other runs.
 struct FindCase {
     const char* name;
-    std::string path;  // {fake}: the fake's directory, {cmd}: one with git.cmd only, {here}: the run's directory
+    std::string path;  // {fake}: the fake's directory, {cmd}: one with git.cmd only, {here}: the run's directory,
+                       // {bad}: one whose git.exe is no program
     const char* pathext;
     bool found;
+    unsigned long error = 0;  // the start's Windows error, when not found
 };
 void PrintTo(const FindCase& c, std::ostream* os) { *os << c.name; }
 class Win32FindGit : public ::testing::TestWithParam<FindCase> {};
@@ -192,13 +195,26 @@ class Win32FindGit : public ::testing::TestWithParam<FindCase> {};
 TEST_P(Win32FindGit, OnlyAbsoluteDirectoriesOfPath) {
     const fs::path here = scratch("find") / "repo";
     const fs::path cmd = here.parent_path() / "cmd";
+    const fs::path bad = here.parent_path() / "bad";
     fs::create_directories(here);
     fs::create_directories(cmd);
+    fs::create_directories(bad);
     fs::copy_file(fake_dir() / "git.exe", here / "git.exe", fs::copy_options::overwrite_existing);
     std::ofstream(cmd / "git.cmd") << "@echo wrong git\r\n";
-    const std::string path = fill(GetParam().path, {{"{fake}", utf8(fake_dir())}, {"{cmd}", utf8(cmd)}, {"{here}", utf8(here)}});
+    std::ofstream(bad / "git.exe") << "#!/bin/sh\n";
+    const std::string path = fill(GetParam().path, {{"{fake}", utf8(fake_dir())}, {"{cmd}", utf8(cmd)},
+                                                    {"{here}", utf8(here)}, {"{bad}", utf8(bad)}});
     RunOptions options;
     options.env = env_with(path, GetParam().pathext);
+    if (GetParam().error) {
+        try {
+            run({"show"}, options, utf8(here));
+            ADD_FAILURE() << "no error";
+        } catch (const OsError& e) {
+            EXPECT_EQ(std::tuple(e.winerror(), e.filename()), std::tuple(GetParam().error, std::string("git")));
+        }
+        return;
+    }
     const Ran r = run({"show"}, options, utf8(here));
     if (!GetParam().found) {
         EXPECT_EQ(r.outcome.status, RunStatus::NotFound);
@@ -217,7 +233,9 @@ INSTANTIATE_TEST_SUITE_P(
                       FindCase{"batch_file_skipped", "{cmd};{fake}", ".CMD;.BAT;.EXE", true},
                       FindCase{"batch_file_only", "{cmd}", ".CMD;.EXE", false},
                       FindCase{"quoted_with_slashes", "\"{fake}/\";C:\\caf\xc3\xa9 \xe2\x82\xac", nullptr, true},
-                      FindCase{"no_exe_in_pathext", "{fake}", ".COM;.CMD", false}),
+                      FindCase{"no_exe_in_pathext", "{fake}", ".COM;.CMD", false},
+                      FindCase{"unrunnable_git_passed_over", "{bad};{fake}", nullptr, true},
+                      FindCase{"only_an_unrunnable_git", "{bad}", nullptr, false, ERROR_BAD_EXE_FORMAT}),
     [](const auto& info) { return std::string(info.param.name); });
 
 // The host's start options and the standard input modes as git sees them.

@@ -275,6 +275,19 @@ __attribute__((no_sanitize("address"))) void close_from_3() noexcept {
     __builtin_unreachable();
 }
 
+// Whether posix_spawn can set git up completely here: enter its directory and
+// close what it is not given (on glibc: whether this one has the two file
+// actions above).
+bool spawn_complete() {
+#if defined(__GLIBC__)
+    return posix_spawn_file_actions_addchdir_np != nullptr && posix_spawn_file_actions_addclosefrom_np != nullptr;
+#elif defined(GIT_UTILS_HAVE_SPAWN_ADDCLOSEFROM)
+    return true;
+#else
+    return false;
+#endif
+}
+
 // Starts `program` the way subprocess does: vfork, then exec_child. For
 // systems where posix_spawn cannot set git up (glibc before 2.34) or where the
 // kernel refuses its clone.
@@ -313,16 +326,6 @@ Attempt start_with_fork(const Launch& launch, const char* program, pid_t& pid) {
     return {};
 }
 #endif
-
-// Whether posix_spawn can set git up completely here (on glibc: whether this
-// one has the two file actions above).
-bool spawn_complete() {
-#if defined(__GLIBC__)
-    return posix_spawn_file_actions_addchdir_np != nullptr && posix_spawn_file_actions_addclosefrom_np != nullptr;
-#else
-    return true;
-#endif
-}
 
 // The file actions and attributes of a posix_spawn start.
 void spawn_setup(SpawnSetup& setup, const Launch& launch) {

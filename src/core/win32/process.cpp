@@ -122,8 +122,9 @@ std::optional<std::string_view> env_value(const Environment& env, std::string_vi
 
 bool is_separator(wchar_t c) { return c == L'\\' || c == L'/'; }
 
-// The program to start: "git" with the first extension of PATHEXT that names
-// a file, in the first directory of the PATH of `env` that holds one.
+// The programs that may be git, in the order they are tried: "git" with each
+// extension of PATHEXT that names a file, in each directory of the PATH of
+// `env` in turn.
 //
 // Only absolute directories count: a relative one (".", an empty entry)
 // would name the repository, and a git.exe there must never run. Only the
@@ -131,7 +132,7 @@ bool is_separator(wchar_t c) { return c == L'\\' || c == L'/'; }
 // .com): a batch file runs through cmd.exe, which splits and expands a
 // command line by rules of its own, so its arguments could not be passed
 // exactly.
-std::optional<std::wstring> find_git(const Environment& env) {
+std::vector<std::wstring> git_candidates(const Environment& env) {
     const std::string_view path = env_value(env, "PATH").value_or("");
     const std::string_view exts = env_value(env, "PATHEXT").value_or(".COM;.EXE;.BAT;.CMD");
     const auto each = [](std::string_view list, auto&& visit) {
@@ -143,7 +144,7 @@ std::optional<std::wstring> find_git(const Environment& env) {
         }
         return false;
     };
-    std::wstring found;
+    std::vector<std::wstring> found;
     each(path, [&](std::string_view dir_text) {
         if (dir_text.size() >= 2 && dir_text.front() == '"' && dir_text.back() == '"')
             dir_text = dir_text.substr(1, dir_text.size() - 2);
@@ -157,12 +158,11 @@ std::optional<std::wstring> find_git(const Environment& env) {
             if (!is_separator(candidate.back())) candidate += L'\\';
             candidate += L"git" + win32::widen(ext);
             const DWORD attributes = ::GetFileAttributesW(candidate.c_str());
-            if (attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_DIRECTORY)) return false;
-            found = std::move(candidate);
-            return true;
+            if (attributes != INVALID_FILE_ATTRIBUTES && !(attributes & FILE_ATTRIBUTE_DIRECTORY))
+                found.push_back(std::move(candidate));
+            return false;
         });
     });
-    if (found.empty()) return std::nullopt;
     return found;
 }
 
@@ -224,11 +224,12 @@ std::wstring environment_block(const Environment& env) {
 }
 
 // git's standard input, inheritable: the caller's own (NUL when it has none,
-// as for a program without a console), NUL, or a silent terminal.
+// as for a program without a console), NUL, or a silent terminal (where none
+// can be made, the caller's own, as the plain runner gives it).
 Handle standard_input(StdinMode mode, std::optional<SilentTerminal>& terminal) {
     HANDLE source = nullptr;
+    if (mode == StdinMode::Terminal && !(source = terminal.emplace().handle())) mode = StdinMode::Inherit;
     if (mode == StdinMode::Inherit) source = ::GetStdHandle(STD_INPUT_HANDLE);
-    if (mode == StdinMode::Terminal) source = terminal.emplace().handle();
     if (source && source != INVALID_HANDLE_VALUE) {
         HANDLE copy = nullptr;
         if (::DuplicateHandle(::GetCurrentProcess(), source, ::GetCurrentProcess(), &copy, 0, TRUE,
@@ -390,8 +391,8 @@ private:
 }  // namespace
 
 Outcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
-    const std::optional<std::wstring> program = find_git(request.env);
-    if (!program) return {RunStatus::NotFound, 0};
+    const std::vector<std::wstring> programs = git_candidates(request.env);
+    if (programs.empty()) return {RunStatus::NotFound, 0};
 
     Handle out_read, out_write, err_read, err_write;
     make_output_pipe(out_read, out_write);
@@ -417,11 +418,25 @@ Outcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
     const std::wstring cwd = win32::widen(request.cwd);
     Handle job(::CreateJobObjectW(nullptr, nullptr));
     PROCESS_INFORMATION started{};
-    if (!::CreateProcessW(program->c_str(), line.data(), nullptr, nullptr, TRUE, flags.creation_flags, env.data(),
-                          cwd.c_str(), &info.StartupInfo, &started)) {
+    // Each candidate in turn, as subprocess tries PATH on POSIX: one that is
+    // gone meanwhile is passed over; one that cannot run (not a program for
+    // this machine, ERROR_BAD_EXE_FORMAT; access denied) is remembered, and
+    // the first of those is the error when no candidate starts. A directory
+    // that cannot be entered is the error at once.
+    DWORD first_failure = ERROR_SUCCESS;
+    for (const std::wstring& program : programs) {
+        if (::CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, TRUE, flags.creation_flags, env.data(),
+                             cwd.c_str(), &info.StartupInfo, &started))
+            break;
         const DWORD error = ::GetLastError();
-        if (error == ERROR_FILE_NOT_FOUND) return {RunStatus::NotFound, 0};  // git went away meanwhile
-        fail(error == ERROR_DIRECTORY || error == ERROR_PATH_NOT_FOUND ? request.cwd : "git", error);
+        const DWORD directory = ::GetFileAttributesW(cwd.c_str());
+        if (directory == INVALID_FILE_ATTRIBUTES || !(directory & FILE_ATTRIBUTE_DIRECTORY)) fail(request.cwd, error);
+        if (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND && first_failure == ERROR_SUCCESS)
+            first_failure = error;
+    }
+    if (!started.hProcess) {
+        if (first_failure != ERROR_SUCCESS) fail("git", first_failure);
+        return {RunStatus::NotFound, 0};
     }
     Handle thread(started.hThread);
     // Where the job cannot take git (a host in a job that forbids nesting,
@@ -490,25 +505,26 @@ Outcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
 
 }  // namespace process
 
+// Where the pipe cannot be made, handle() is null and fd() -1.
 SilentTerminal::SilentTerminal() {
     const std::wstring name = process::pipe_name(L"msys-git_utils", L"-pty0");
     process::Handle writer(::CreateNamedPipeW(name.c_str(), PIPE_ACCESS_OUTBOUND | FILE_FLAG_FIRST_PIPE_INSTANCE,
                                               PIPE_TYPE_MESSAGE | PIPE_WAIT | PIPE_REJECT_REMOTE_CLIENTS, 1, 4096, 0,
                                               0, nullptr));
-    if (!writer.valid()) process::fail("git");
+    if (!writer.valid()) return;
     process::Handle reader(::CreateFileW(name.c_str(), GENERIC_READ | FILE_WRITE_ATTRIBUTES, 0, nullptr, OPEN_EXISTING, 0, nullptr));
     DWORD mode = PIPE_READMODE_MESSAGE;
-    if (!reader.valid() || !::SetNamedPipeHandleState(reader.get(), &mode, nullptr, nullptr)) process::fail("git");
+    if (!reader.valid() || !::SetNamedPipeHandleState(reader.get(), &mode, nullptr, nullptr)) return;
     // A read of an empty message gives no bytes: end of file, each time one
     // is read.
     for (int i = 0; i < 16; ++i) {
         DWORD written = 0;
-        if (!::WriteFile(writer.get(), "", 0, &written, nullptr)) process::fail("git");
+        if (!::WriteFile(writer.get(), "", 0, &written, nullptr)) return;
     }
     HANDLE copy = nullptr;
     if (!::DuplicateHandle(::GetCurrentProcess(), reader.get(), ::GetCurrentProcess(), &copy, 0, FALSE,
                            DUPLICATE_SAME_ACCESS))
-        process::fail("git");
+        return;
     fd_ = ::_open_osfhandle(reinterpret_cast<std::intptr_t>(copy), _O_RDONLY);
     if (fd_ < 0) ::CloseHandle(copy);
     handle_ = reader.release();
@@ -517,8 +533,8 @@ SilentTerminal::SilentTerminal() {
 
 SilentTerminal::~SilentTerminal() {
     if (fd_ >= 0) ::_close(fd_);
-    ::CloseHandle(handle_);
-    ::CloseHandle(writer_);
+    if (handle_) ::CloseHandle(handle_);
+    if (writer_) ::CloseHandle(writer_);
 }
 
 }  // namespace git_utils
