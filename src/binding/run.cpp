@@ -231,12 +231,14 @@ private:
         check(PyDict_Update(kwargs.get(), options.mapping.get()));
         std::optional<SilentTerminal> terminal;
         if (request_.stdin_mode != StdinMode::Inherit && !PyDict_GetItemString(kwargs.get(), "stdin")) {
+            // Where no terminal can be made, git reads the host's standard
+            // input, as the plain runner gives it.
             Ref stdin_value;
-            if (request_.stdin_mode == StdinMode::Terminal && terminal.emplace().fd() >= 0)
-                stdin_value = check(PyLong_FromLong(terminal->fd()));
-            else
+            if (request_.stdin_mode == StdinMode::Null)
                 stdin_value = attr(sp.get(), "DEVNULL");
-            check(PyDict_SetItemString(kwargs.get(), "stdin", stdin_value.get()));
+            else if (terminal.emplace().fd() >= 0)
+                stdin_value = check(PyLong_FromLong(terminal->fd()));
+            if (stdin_value) check(PyDict_SetItemString(kwargs.get(), "stdin", stdin_value.get()));
         }
         Ref run = attr(sp.get(), "run");
         Ref pargs = check(PyTuple_Pack(1, command.get()));

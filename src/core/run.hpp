@@ -63,10 +63,10 @@ GitResult run_with(Steps& steps) {
 namespace git_utils {
 
 // A terminal for git's standard input that never sends anything: it reads end
-// of file at once.
+// of file at once. Where none can be made, fd() is -1 (and on Windows handle()
+// null), and git is given the host's standard input instead.
 //
-// POSIX: a fresh pseudo-terminal; fd() is its slave (-1 where the system has
-// none). Windows has no terminal device that a process without a console can
+// POSIX: a fresh pseudo-terminal; fd() is its slave. Windows has no terminal device that a process without a console can
 // hand on, and Git for Windows answers isatty(0) itself: true for a console
 // input handle (GetConsoleMode succeeds) and for a pipe whose name marks it as
 // an MSYS2 or Cygwin pseudo-terminal ("msys-" and "-pty" in it, the

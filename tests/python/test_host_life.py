@@ -1,0 +1,181 @@
+"""The host's life around the calls: exiting with calls in flight, a
+supervisor stopping the host's process group, git looked up on PATH, no
+terminal device, a sandbox that refuses clone3. Each case runs in a child
+interpreter (or child process) of its own."""
+
+import json
+import os
+import platform
+import random
+import shutil
+import signal
+import subprocess
+import sys
+import time
+
+import pytest
+
+from test_runner import fake_git, live_processes, processes_left  # noqa: F401 (fake_git is a fixture)
+from vantrel_sorlith.utils import git_utils as g
+
+EXIT_WHILE_BUSY = """
+import sys, threading, time
+from vantrel_sorlith.utils import git_utils as g
+work, root = sys.argv[1], sys.argv[2]
+log = "".join(f"\\x1e{1700000000 + i}\\0\\n:100644 100644 aaaaaaa bbbbbbb M\\0p{i}\\0" f"1\\t2\\tp{i}\\0" for i in range(4000))
+def busy():
+    while True:
+        g.get_head_commit(root) if work == "git run" else g.parse_commit_changes(log)
+for _ in range(2):
+    threading.Thread(target=busy, daemon=True).start()
+time.sleep(0.1)
+"""
+
+
+@pytest.mark.parametrize("work", ["git run", "large parse"])
+def test_exit_with_daemon_threads_inside_calls(repo, work):
+    # Daemon threads are inside a git run (or a 240 KB parse, lock released)
+    # when the interpreter exits: every one of 20 children exits with 0, in
+    # time. (Before: SIGSEGV in 20 of 20.)
+    children = [subprocess.Popen([sys.executable, "-c", EXIT_WHILE_BUSY, work, str(repo)], stderr=subprocess.PIPE)
+                for _ in range(20)]
+    results = [(child.wait(timeout=60), child.stderr.read().decode()[-300:]) for child in children]
+    for child in children:
+        child.stderr.close()
+    assert results == [(0, "")] * 20
+
+
+HOST = """
+import sys
+from vantrel_sorlith.utils import git_utils as g
+g.run_git_command(".", ["tag=" + sys.argv[1], "sleep=30"])
+"""
+
+
+def test_supervisor_stopping_the_hosts_group_stops_git(fake_git):  # noqa: F811
+    # A host started in a session of its own, stopped by `kill -- -PGID`
+    # while git runs: git goes with it, as under subprocess.run.
+    marker = f"41.{random.randrange(10**6):06d}"
+    host = subprocess.Popen([sys.executable, "-c", HOST, marker], start_new_session=True)
+    deadline = time.monotonic() + 20
+    while not (git := [p for p in live_processes(marker.encode()) if int(p) != host.pid]) and time.monotonic() < deadline:
+        time.sleep(0.02)
+    os.killpg(host.pid, signal.SIGTERM)
+    assert git and host.wait(timeout=10) == -signal.SIGTERM
+    assert processes_left(marker) == []
+
+
+# Files named git that cannot run, as a stale PATH entry holds them.
+OTHER_MACHINE = 0x3E if platform.machine() == "aarch64" else 0xB7  # x86-64, else AArch64
+UNRUNNABLE = {
+    "script whose interpreter is missing": (b"#!/no/such/interpreter\n", 0o755),
+    "file without #!": (b"echo not a program\n", 0o755),
+    "program for another machine": (b"\x7fELF\x02\x01\x01" + bytes(9) + bytes([2, 0, OTHER_MACHINE, 0]) + bytes(44), 0o755),
+    "file without execute permission": (b"#!/bin/sh\n", 0o644),
+}
+
+
+def answer(run):
+    """The triple, with a missing git as the runner words it, or the error's kind and number."""
+    try:
+        return run()
+    except FileNotFoundError:
+        return ("", "git not found", 1)
+    except OSError as e:
+        return (type(e), e.errno)
+
+
+@pytest.mark.parametrize("real_git_after", [True, False], ids=["then real git", "alone"])
+@pytest.mark.parametrize("kind", UNRUNNABLE)
+def test_unrunnable_git_on_path_is_passed_over_as_subprocess_does(repo, tmp_path, monkeypatch, kind, real_git_after):
+    content, mode = UNRUNNABLE[kind]
+    (tmp_path / "git").write_bytes(content)
+    (tmp_path / "git").chmod(mode)
+    monkeypatch.setenv("PATH", f"{tmp_path}:{os.environ['PATH']}" if real_git_after else str(tmp_path))
+    args = ["rev-parse", "HEAD"]
+
+    def by_subprocess():
+        done = subprocess.run(["git", *args], cwd=repo, capture_output=True, text=True)
+        return (done.stdout, done.stderr, done.returncode)
+
+    expected = answer(by_subprocess)
+    assert answer(lambda: g.run_git_command(repo, args)) == expected
+    if real_git_after:
+        assert expected[2] == 0
+
+
+AUTHORS_FROM_STDIN = """
+import json, os, subprocess, sys, types
+from vantrel_sorlith.utils import git_utils as g
+try:
+    os.close(os.open("/dev/ptmx", os.O_RDWR))
+    sys.exit(78)
+except OSError:
+    pass
+def stdin_holding_a_log():
+    r, w = os.pipe()
+    os.write(w, b"commit 1111111111111111111111111111111111111111\\nAuthor: Eve <eve@example.com>\\n\\n    x\\n")
+    os.close(w)
+    os.dup2(r, 0)
+    os.close(r)
+answers = {}
+stdin_holding_a_log()
+answers["native"] = g.get_authors_for_period(sys.argv[1], "3650d")
+g.subprocess = types.SimpleNamespace(run=subprocess.run, DEVNULL=subprocess.DEVNULL, TimeoutExpired=subprocess.TimeoutExpired)
+stdin_holding_a_log()
+answers["host subprocess"] = g.get_authors_for_period(sys.argv[1], "3650d")
+print(json.dumps(answers))
+"""
+
+
+def test_authors_without_a_terminal_device_read_the_hosts_stdin(repo):
+    # A mount namespace whose /dev/pts is an empty tmpfs: no pseudo-terminal
+    # can be made. git then reads the host's standard input as the plain
+    # runner gives it (here a log naming Eve), natively and through the
+    # host's subprocess; nothing is raised. (Before: OSError ENODEV.)
+    if not shutil.which("unshare") or subprocess.run(["unshare", "-m", "true"], capture_output=True).returncode:
+        pytest.skip("no mount namespace can be made here")
+    script = 'mount --make-rprivate / && mount -t tmpfs none /dev/pts || exit 77; exec "$0" -c "$1" "$2"'
+    done = subprocess.run(["unshare", "-m", "sh", "-c", script, sys.executable, AUTHORS_FROM_STDIN, str(repo)],
+                          capture_output=True, text=True, timeout=60)
+    if done.returncode in (77, 78):
+        pytest.skip("no empty /dev/pts could be mounted" if done.returncode == 77 else "/dev/ptmx still works")
+    assert done.returncode == 0, done.stderr
+    eve = [{"name": "Eve", "email": "eve@example.com", "commits": 1}]
+    assert json.loads(done.stdout) == {"native": eve, "host subprocess": eve}
+
+
+CLONE3_REFUSED = """
+import ctypes, errno, json, platform, struct, subprocess, sys
+audit_arch = {"x86_64": 0xC000003E, "aarch64": 0xC00000B7}.get(platform.machine())
+if audit_arch is None:
+    sys.exit(77)
+def op(code, k, jt=0, jf=0):
+    return struct.pack("HBBI", code, jt, jf, k)
+# Another architecture's calls pass; clone3 (435) gets EPERM, as 2021's container profiles gave it.
+program = b"".join([op(0x20, 4), op(0x15, audit_arch, 1, 0), op(0x06, 0x7FFF0000),
+                    op(0x20, 0), op(0x15, 435, 0, 1), op(0x06, 0x00050000 | errno.EPERM), op(0x06, 0x7FFF0000)])
+class SockFprog(ctypes.Structure):
+    _fields_ = [("len", ctypes.c_ushort), ("filter", ctypes.c_char_p)]
+libc = ctypes.CDLL(None, use_errno=True)
+if libc.prctl(38, 1, 0, 0, 0) or libc.prctl(22, 2, ctypes.byref(SockFprog(len(program) // 8, program)), 0, 0):
+    sys.exit(77)  # PR_SET_NO_NEW_PRIVS, PR_SET_SECCOMP with SECCOMP_MODE_FILTER
+refused = libc.syscall(435, None, 0) == -1 and ctypes.get_errno() == errno.EPERM
+from vantrel_sorlith.utils import git_utils as g
+done = subprocess.run(["git", "rev-parse", "HEAD"], cwd=sys.argv[1], capture_output=True, text=True)
+answers = [g.run_git_command(sys.argv[1], ["rev-parse", "HEAD"]) for _ in range(2)]
+print(json.dumps({"refused": refused, "subprocess": [done.stdout, done.stderr, done.returncode], "runs": answers}))
+"""
+
+
+def test_sandbox_refusing_clone3_starts_git_as_subprocess_does(repo):
+    # A seccomp filter that refuses clone3 with EPERM (posix_spawn's clone on
+    # glibc 2.34 and later): git starts by vfork and exec, and answers as
+    # under subprocess.run, each time. (Before: PermissionError.)
+    done = subprocess.run([sys.executable, "-c", CLONE3_REFUSED, str(repo)], capture_output=True, text=True, timeout=60)
+    if done.returncode == 77:
+        pytest.skip("no seccomp filter can be installed here")
+    assert done.returncode == 0, done.stderr
+    got = json.loads(done.stdout)
+    assert got["refused"] and got["subprocess"][2] == 0
+    assert got["runs"] == [got["subprocess"]] * 2
