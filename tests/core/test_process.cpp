@@ -66,7 +66,12 @@ esac
 bool process_with_argument(const std::string& arg) {
     for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
         std::ifstream in(entry.path() / "cmdline");
-        std::string cmdline((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        std::string cmdline;
+        try {
+            cmdline.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+        } catch (const std::ios_base::failure&) {
+            continue;  // the process ended while it was read (ESRCH)
+        }
         if (cmdline.find(arg + '\0') != std::string::npos) return true;
     }
     return false;
