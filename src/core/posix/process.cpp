@@ -36,6 +36,19 @@
 #include "src/core/process.hpp"
 #include "src/core/run.hpp"
 
+#if defined(__GLIBC__)
+// posix_spawn_file_actions_addchdir_np came with glibc 2.29 and
+// posix_spawn_file_actions_addclosefrom_np with 2.34. Whether this glibc has
+// them is found when the library is loaded (they are referenced weakly, and
+// read as null when absent), not when it is built: a build for an older glibc
+// (a wheel for glibc 2.17) runs on newer ones and uses them there. Where one
+// is missing, git is started by fork and exec instead (start_with_fork).
+extern "C" {
+int posix_spawn_file_actions_addchdir_np(posix_spawn_file_actions_t*, const char*) noexcept __attribute__((weak));
+int posix_spawn_file_actions_addclosefrom_np(posix_spawn_file_actions_t*, int) noexcept __attribute__((weak));
+}
+#endif
+
 #ifdef GIT_UTILS_HAVE_NSGETENVIRON
 #include <crt_externs.h>  // a shared library on macOS cannot refer to environ itself
 #else
@@ -174,19 +187,6 @@ Attempt start_with_spawn(const Launch& launch, const SpawnSetup& setup, const ch
     // own when it cannot be entered.
     return {rc, directory_error(launch.cwd) != 0};
 }
-
-#if defined(__GLIBC__)
-// posix_spawn_file_actions_addchdir_np came with glibc 2.29 and
-// posix_spawn_file_actions_addclosefrom_np with 2.34. Whether this glibc has
-// them is found when the library is loaded (they are referenced weakly, and
-// read as null when absent), not when it is built: a build for an older glibc
-// (a wheel for glibc 2.17) runs on newer ones and uses them there. Where one
-// is missing, git is started by fork and exec instead (start_with_fork).
-extern "C" {
-int posix_spawn_file_actions_addchdir_np(posix_spawn_file_actions_t*, const char*) noexcept __attribute__((weak));
-int posix_spawn_file_actions_addclosefrom_np(posix_spawn_file_actions_t*, int) noexcept __attribute__((weak));
-}
-#endif
 
 #if defined(__linux__)
 #define GIT_UTILS_FORK_START 1
