@@ -275,11 +275,13 @@ private:
     bool paused_;
 };
 
-// Whether the interpreter has begun to finalise (the process is exiting).
-bool interpreter_finalizing();
-// PyEval_RestoreThread(saved), except that a thread that the exiting
-// interpreter would end there never returns (lock.cpp): every return to the
-// lock after releasing it goes through here.
+// The interpreter lock given up and taken back (lock.cpp). give_lock_up() is
+// PyEval_SaveThread(); take_lock_back(saved) is PyEval_RestoreThread(saved),
+// except that a thread that the exiting interpreter would end there never
+// returns: parks_at_exit() tells whether it would park now (the interpreter
+// is finalising, and this is not the thread that finalises it).
+PyThreadState* give_lock_up();
+bool parks_at_exit();
 void take_lock_back(PyThreadState* saved);
 
 // Runs `work` with the interpreter lock released when `release` holds. The
@@ -290,7 +292,7 @@ void without_gil(bool release, F&& work) {
         work();
         return;
     }
-    PyThreadState* saved = PyEval_SaveThread();
+    PyThreadState* saved = give_lock_up();
     try {
         work();
     } catch (...) {

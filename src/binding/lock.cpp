@@ -12,7 +12,11 @@
 // (PyThread_hang_thread); so do we, on every version:
 //  - Once finalisation has begun the lock is not asked for at all: the thread
 //    parks at once. A git run's interrupt hook asks first (see run.cpp), so
-//    that the core still stops and reaps git before its thread parks.
+//    that the core still stops and reaps git before its thread parks. The
+//    thread that finalises the interpreter (a finaliser of the host's that
+//    calls the library at exit) takes the lock back as usual: it is known by
+//    the interpreter finalising already when it gave the lock up, since no
+//    other thread can hold the lock by then.
 //  - Finalisation may also begin while the thread waits for the lock. On
 //    glibc the request is made under a cancellation buffer of its own, the
 //    one C code registers with pthread_cleanup_push: glibc's unwinder jumps
@@ -41,6 +45,18 @@ extern "C" void __pthread_unregister_cancel(__pthread_unwind_buf_t* buf) __clean
 namespace git_utils::binding {
 namespace {
 
+// Whether the interpreter was finalising when this thread last gave the lock
+// up: then it is the thread that finalises it.
+thread_local bool finalizing_thread = false;
+
+bool interpreter_finalizing() {
+#if PY_VERSION_HEX >= 0x030D0000
+    return Py_IsFinalizing() != 0;
+#else
+    return _Py_IsFinalizing() != 0;
+#endif
+}
+
 // Never returns: the thread sleeps for as long as the process lives, with
 // every signal held so that none meant for the exiting process lands here.
 [[noreturn]] void park() {
@@ -54,16 +70,15 @@ namespace {
 
 }  // namespace
 
-bool interpreter_finalizing() {
-#if PY_VERSION_HEX >= 0x030D0000
-    return Py_IsFinalizing() != 0;
-#else
-    return _Py_IsFinalizing() != 0;
-#endif
+PyThreadState* give_lock_up() {
+    finalizing_thread = interpreter_finalizing();
+    return PyEval_SaveThread();
 }
 
+bool parks_at_exit() { return !finalizing_thread && interpreter_finalizing(); }
+
 void take_lock_back(PyThreadState* saved) {
-    if (interpreter_finalizing()) park();
+    if (parks_at_exit()) park();
 #if defined(__GLIBC__)
     __pthread_unwind_buf_t exit_buffer;
     if (__sigsetjmp(reinterpret_cast<struct __jmp_buf_tag*>(exit_buffer.__cancel_jmp_buf), 0) != 0) park();

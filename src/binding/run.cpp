@@ -198,14 +198,14 @@ private:
         // thread parks in take_lock_back below.
         PyThreadState* saved = nullptr;
         run.on_interrupt = [&saved]() {
-            if (interpreter_finalizing()) return true;
+            if (parks_at_exit()) return true;
             take_lock_back(saved);
             const bool stop = PyErr_CheckSignals() != 0;
-            saved = PyEval_SaveThread();
+            saved = give_lock_up();
             return stop;
         };
         RunOutcome outcome;
-        saved = PyEval_SaveThread();
+        saved = give_lock_up();
         try {
             outcome = run_git_process(argv, cwd, run);
         } catch (...) {

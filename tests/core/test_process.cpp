@@ -1,7 +1,8 @@
 // The process code of the core on the paths the Python tests cannot take: the
-// watch as on a kernel without pidfd, a signal in the wait (which the build
-// without ppoll, as on macOS, takes differently), and the flags of a Windows
-// start, checked on every system. Everything else about a run (chunk edges,
+// watch as on a kernel without pidfd, the start by vfork and exec beside
+// posix_spawn's, a signal in the wait (which the build without ppoll, as on
+// macOS, takes differently), and the flags of a Windows start, checked on
+// every system. Everything else about a run (chunk edges,
 // both pipes, deadlines, signals, the fixed triples) is checked end to end
 // through the module in tests/python/test_runner.py; the Windows runner in
 // test_win32.cpp.
