@@ -29,7 +29,6 @@
 #include "src/core/text.hpp"
 #include "utils/git_utils.hpp"
 
-
 namespace git_utils::binding {
 
 // An owned (strong) reference.

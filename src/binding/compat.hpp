@@ -54,9 +54,9 @@ inline int PyDict_GetItemStringRef(PyObject* dict, const char* key, PyObject** r
 namespace git_utils::binding {
 
 // Holds the per-object lock of `op` for a scope (Py_BEGIN_CRITICAL_SECTION as
-// a C++ object, so that an exception cannot leave it held). Nothing without
-// the GIL: there the interpreter lock already keeps other threads out while
-// no Python code runs. The lock is let go while the thread blocks (on
+// a C++ object, so that an exception cannot leave it held). Nothing where
+// there is a GIL: there the interpreter lock already keeps other threads out
+// while no Python code runs. The lock is let go while the thread blocks (on
 // another lock, or when it detaches), so the scope must not call anything
 // that can run Python code or wait.
 class CriticalSection {

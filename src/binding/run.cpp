@@ -150,6 +150,7 @@ Environment process_environment() {
 #if defined(Py_GIL_DISABLED) && !defined(_WIN32)
     Ref name = check(PyUnicode_InternFromString("os"));
     Ref os(PyImport_GetModule(name.get()));  // imported at start-up: in sys.modules
+    if (!os && PyErr_Occurred()) throw PyErrSet{};
     if (!os) os = check(PyImport_Import(name.get()));
     Ref mapping = attr(os.get(), "environ");
     Ref key = check(PyUnicode_InternFromString("_data"));  // interned: see attr()
