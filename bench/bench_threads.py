@@ -8,7 +8,9 @@ PYTHON_GIL=0) both build their records at once. The inputs are those of
 bench_parsers.py (the whole log of main, the raw diff and the patch of
 v0.1..main). Rounds alternate one thread and two threads; each figure is the
 median over rounds of parses per second, and the speed-up is the two-thread
-figure over the one-thread figure.
+figure over the one-thread figure. A loop of plain Python, measured the same
+way first, shows what the cores allow at the time (other work on a shared
+machine lowers it).
 
     .venv-ft/bin/python bench/bench_threads.py          # PYTHON_GIL=0 is set by the script
     .venv/bin/python bench/bench_threads.py             # the GIL build, for comparison
@@ -66,15 +68,22 @@ def main() -> int:
     gil = getattr(sys, "_is_gil_enabled", lambda: True)()
     report = Report(f"Parsers on two threads ({'GIL' if gil else 'no GIL'}, {sys.version.split()[0]})")
     rows = []
+    # The ceiling the machine allows right now: a loop of plain Python on two
+    # threads against one (other work on the cores lowers it; so does a GIL).
+    def spin(_):
+        total = 0
+        for i in range(2_000_000):
+            total += i
+    inputs.insert(0, ("control: a Python loop", "", None))
     for label, name, text in inputs:
-        parse = getattr(g, name)
+        parse = getattr(g, name) if name else spin
         per_thread = opts.per_thread * (8 if "raw" in label else 1)  # the small input: more calls a round
         one, two = [], []
         parse(text)  # warm-up
         for _ in range(opts.rounds):
             one.append(parses_per_second(parse, text, 1, per_thread))
             two.append(parses_per_second(parse, text, 2, per_thread))
-        rows.append([label, f"`{name}`", f"{statistics.median(one):.1f}", f"{statistics.median(two):.1f}",
+        rows.append([label, f"`{name}`" if name else "", f"{statistics.median(one):.1f}", f"{statistics.median(two):.1f}",
                      f"{statistics.median(two) / statistics.median(one):.2f}x"])
     report.data["rows"] = rows
     report.add(markdown_table(["input", "parser", "1 thread, parses/s", "2 threads, parses/s", "speed-up"], rows))
