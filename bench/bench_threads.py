@@ -67,24 +67,29 @@ def main() -> int:
               ("18 MB -U0 patch", "parse_line_spans", capture(repo, PATCH_ARGS))]
     gil = getattr(sys, "_is_gil_enabled", lambda: True)()
     report = Report(f"Parsers on two threads ({'GIL' if gil else 'no GIL'}, {sys.version.split()[0]})")
-    rows = []
-    # The ceiling the machine allows right now: a loop of plain Python on two
+    # The ceiling the machine allows at the time: a loop of plain Python on two
     # threads against one (other work on the cores lowers it; so does a GIL).
     def spin(_):
         total = 0
         for i in range(2_000_000):
             total += i
-    inputs.insert(0, ("control: a Python loop", "", None))
-    for label, name, text in inputs:
-        parse = getattr(g, name) if name else spin
-        per_thread = opts.per_thread * (8 if "raw" in label else 1)  # the small input: more calls a round
-        one, two = [], []
+
+    contenders = [("control: a Python loop", "", spin, None)]
+    contenders += [(label, name, getattr(g, name), text) for label, name, text in inputs]
+    one = {label: [] for label, *_ in contenders}
+    two = {label: [] for label, *_ in contenders}
+    for _, _, parse, text in contenders:
         parse(text)  # warm-up
-        for _ in range(opts.rounds):
-            one.append(parses_per_second(parse, text, 1, per_thread))
-            two.append(parses_per_second(parse, text, 2, per_thread))
-        rows.append([label, f"`{name}`" if name else "", f"{statistics.median(one):.1f}", f"{statistics.median(two):.1f}",
-                     f"{statistics.median(two) / statistics.median(one):.2f}x"])
+    # Each round times every contender, one thread then two, so that the
+    # control and the parsers meet the same conditions.
+    for _ in range(opts.rounds):
+        for label, _, parse, text in contenders:
+            per_thread = opts.per_thread * (8 if "raw" in label else 1)  # the small input: more calls a round
+            one[label].append(parses_per_second(parse, text, 1, per_thread))
+            two[label].append(parses_per_second(parse, text, 2, per_thread))
+    rows = [[label, f"`{name}`" if name else "", f"{statistics.median(one[label]):.1f}",
+             f"{statistics.median(two[label]):.1f}", f"{statistics.median(two[label]) / statistics.median(one[label]):.2f}x"]
+            for label, name, _, _ in contenders]
     report.data["rows"] = rows
     report.add(markdown_table(["input", "parser", "1 thread, parses/s", "2 threads, parses/s", "speed-up"], rows))
     report.write("bench_threads")
