@@ -20,7 +20,7 @@ import time
 
 import common
 
-BENCHMARKS = ["bench_runner", "bench_parsers", "bench_queries", "bench_peers"]
+BENCHMARKS = ["bench_runner", "bench_parsers", "bench_threads", "bench_queries", "bench_peers"]
 
 
 def main() -> int:

@@ -220,9 +220,11 @@ struct RunOutcome {
     std::int64_t returncode = 0;
 };
 
-// This process's environment, copied ("NAME=value" entries). The extension
-// module takes it while it holds the interpreter lock, so that a thread that
-// changes os.environ meanwhile cannot tear or free what a start reads.
+// This process's environment, copied ("NAME=value" entries). Nothing here
+// guards it against a thread that calls setenv meanwhile: the caller holds
+// the lock that such edits take (the extension module, under the GIL, the
+// interpreter lock; a free-threaded CPython has none, and the module reads
+// os.environ there instead).
 Environment current_environment();
 
 // Starts `git args...` in `cwd`, git found on the PATH of the environment it

@@ -25,25 +25,9 @@
 #include <utility>
 #include <vector>
 
+#include "compat.hpp"
 #include "src/core/text.hpp"
 #include "utils/git_utils.hpp"
-
-// Python 3.12's way of holding the exception being raised, for 3.10 and 3.11.
-#if PY_VERSION_HEX < 0x030C0000
-inline PyObject* PyErr_GetRaisedException() {
-    PyObject *type, *value, *traceback;
-    PyErr_Fetch(&type, &value, &traceback);
-    PyErr_NormalizeException(&type, &value, &traceback);
-    if (value && traceback) PyException_SetTraceback(value, traceback);
-    Py_XDECREF(type);
-    Py_XDECREF(traceback);
-    return value;
-}
-inline void PyErr_SetRaisedException(PyObject* exc) {
-    if (!exc) return;
-    PyErr_Restore(Py_NewRef(reinterpret_cast<PyObject*>(Py_TYPE(exc))), exc, PyException_GetTraceback(exc));
-}
-#endif
 
 namespace git_utils::binding {
 
@@ -242,7 +226,10 @@ private:
 // empty slots is ever visible to other code: while Python code may run
 // between two items, the items are kept until they all exist; while none can
 // (`sealed`), they go straight into a sequence made beforehand with `size`
-// slots, which nobody else can reach yet.
+// slots, which nobody else can reach yet. Without a GIL other threads run
+// Python code meanwhile, and gc.get_objects() in one of them reaches every
+// tracked list whenever this thread waits on a lock (a type cache miss
+// takes one): there the items are always kept until they all exist.
 class ListBuilder {
 public:
     ListBuilder() = default;
@@ -261,10 +248,17 @@ private:
 // Pauses the cyclic garbage collector while records are built, when no
 // Python code can run in between (so the host cannot change the setting
 // meanwhile): the records hold no cycles, and collections triggered by tens
-// of thousands of fresh objects would only traverse them.
+// of thousands of fresh objects would only traverse them. The setting is the
+// whole interpreter's: without a GIL other threads run Python code all the
+// while, would see it off and could switch it themselves (and have their
+// choice undone here), so there the collector is left alone.
 class GcPause {
 public:
+#ifdef Py_GIL_DISABLED
+    explicit GcPause(bool) : paused_(false) {}
+#else
     explicit GcPause(bool active) : paused_(active && PyGC_Disable()) {}
+#endif
     ~GcPause() {
         if (paused_) PyGC_Enable();
     }

@@ -242,6 +242,9 @@ Ref Text::object() {
 }
 
 ListBuilder::ListBuilder(bool sealed, bool tuple, std::size_t size) {
+#ifdef Py_GIL_DISABLED
+    sealed = false;
+#endif
     if (!sealed) {
         items_.reserve(size);
         return;

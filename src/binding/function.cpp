@@ -7,6 +7,7 @@
 
 #include <cstring>
 #include <new>
+#include <utility>
 
 namespace git_utils::binding {
 namespace {
@@ -28,6 +29,27 @@ struct FunctionObject {
     PyObject* weakreflist;
 };
 
+// The object in one of the fields that Python code can replace (__name__,
+// __qualname__, __doc__, __signature__), owned. Without a GIL a setter may
+// run on another thread: the read and the replacement both take the
+// function's own lock, so no reader takes a reference to an object that a
+// setter has just released.
+Ref field(FunctionObject* f, PyObject* FunctionObject::*member) {
+    CriticalSection section(reinterpret_cast<PyObject*>(f));
+    return Ref::borrow(f->*member);
+}
+
+// Puts `value` (a new reference, or null) in a field. The old object is
+// released once the lock is let go: its release may run Python code.
+void replace_field(FunctionObject* f, PyObject* FunctionObject::*member, PyObject* value) {
+    PyObject* old;
+    {
+        CriticalSection section(reinterpret_cast<PyObject*>(f));
+        old = std::exchange(f->*member, value);
+    }
+    Py_XDECREF(old);
+}
+
 // --- parameter parsing ------------------------------------------------------
 
 std::size_t positional_count(const FunctionDef& def) {
@@ -37,7 +59,7 @@ std::size_t positional_count(const FunctionDef& def) {
 }
 
 void too_many_positional(FunctionObject* f, Py_ssize_t given) {
-    Ref qualname = Ref::borrow(f->qualname);
+    Ref qualname = field(f, &FunctionObject::qualname);
     const FunctionDef& def = *f->def;
     std::size_t npos = positional_count(def), required = 0;
     for (const auto& p : def.params)
@@ -52,7 +74,7 @@ void too_many_positional(FunctionObject* f, Py_ssize_t given) {
 }
 
 void missing(FunctionObject* f, const std::vector<const char*>& names, bool keyword_only) {
-    Ref qualname = Ref::borrow(f->qualname);
+    Ref qualname = field(f, &FunctionObject::qualname);
     std::string list;
     for (std::size_t i = 0; i < names.size(); ++i) {
         if (i) list += names.size() == 2 ? " and " : (i + 1 == names.size() ? ", and " : ", ");
@@ -93,12 +115,12 @@ PyObject* parse_and_call(FunctionObject* f, PyObject* const* args, size_t nargsf
                 }
             }
             if (idx == nparams) {
-                Ref qualname = Ref::borrow(f->qualname);
+                Ref qualname = field(f, &FunctionObject::qualname);
                 PyErr_Format(PyExc_TypeError, "%U() got an unexpected keyword argument '%S'", qualname.get(), key);
                 return nullptr;
             }
             if (values[idx]) {
-                Ref qualname = Ref::borrow(f->qualname);
+                Ref qualname = field(f, &FunctionObject::qualname);
                 PyErr_Format(PyExc_TypeError, "%U() got multiple values for argument '%S'", qualname.get(), key);
                 return nullptr;
             }
@@ -169,7 +191,7 @@ PyObject* default_object(State* st, Default d) {
 
 PyObject* get_signature(PyObject* self, void*) {
     auto* f = reinterpret_cast<FunctionObject*>(self);
-    if (f->signature) return Py_NewRef(f->signature);
+    if (Ref cached = field(f, &FunctionObject::signature)) return cached.release();
     try {
         Ref inspect = check(PyImport_ImportModule("inspect"));
         Ref parameter = check(PyObject_GetAttrString(inspect.get(), "Parameter"));
@@ -185,8 +207,8 @@ PyObject* get_signature(PyObject* self, void*) {
             const ParamDef& p = def.params[i];
             Ref name = check(PyUnicode_FromString(p.name));
             // Owned: the host may have put any object in __annotations__.
-            Ref ann = PyDict_Check(annotations.get()) ? Ref::borrow(PyDict_GetItemWithError(annotations.get(), name.get())) : Ref();
-            if (!ann && PyErr_Occurred()) throw PyErrSet{};
+            PyObject* found = nullptr;
+            Ref ann(PyDict_Check(annotations.get()) && check(PyDict_GetItemRef(annotations.get(), name.get(), &found)) ? found : nullptr);
             PyObject* dflt = p.dflt == Default::Required ? empty.get()
                                                          : PyTuple_GET_ITEM(f->defaults, static_cast<Py_ssize_t>(i));
             Ref kwargs = check(Py_BuildValue("{s:O,s:O}", "default", dflt, "annotation", ann ? ann.get() : empty.get()));
@@ -194,12 +216,14 @@ PyObject* get_signature(PyObject* self, void*) {
             Ref param = check(PyObject_Call(parameter.get(), pargs.get(), kwargs.get()));
             check(PyList_Append(params.get(), param.get()));
         }
-        Ref ret = PyDict_Check(annotations.get()) ? Ref::borrow(PyDict_GetItemString(annotations.get(), "return")) : Ref();
+        PyObject* found = nullptr;
+        Ref ret(PyDict_Check(annotations.get()) && check(PyDict_GetItemStringRef(annotations.get(), "return", &found)) ? found : nullptr);
         Ref sargs = check(PyTuple_Pack(1, params.get()));
         Ref skw = check(Py_BuildValue("{s:O}", "return_annotation", ret ? ret.get() : empty.get()));
         Ref made = check(PyObject_Call(signature.get(), sargs.get(), skw.get()));
         // Another thread may have set one meanwhile; keep the first.
-        if (!f->signature) f->signature = Ref(made).release();
+        CriticalSection section(self);
+        if (!f->signature) f->signature = Py_NewRef(made.get());
         return Py_NewRef(f->signature);
     } catch (PyErrSet&) {
         return nullptr;
@@ -209,8 +233,7 @@ PyObject* get_signature(PyObject* self, void*) {
 }
 
 int set_signature(PyObject* self, PyObject* value, void*) {
-    auto* f = reinterpret_cast<FunctionObject*>(self);
-    Py_XSETREF(f->signature, Py_XNewRef(value));
+    replace_field(reinterpret_cast<FunctionObject*>(self), &FunctionObject::signature, Py_XNewRef(value));
     return 0;
 }
 
@@ -219,13 +242,13 @@ int set_signature(PyObject* self, PyObject* value, void*) {
 PyObject* function_descr_get(PyObject* self, PyObject*, PyObject*) { return Py_NewRef(self); }
 
 PyObject* function_repr(PyObject* self) {
-    Ref qualname = Ref::borrow(reinterpret_cast<FunctionObject*>(self)->qualname);
+    Ref qualname = field(reinterpret_cast<FunctionObject*>(self), &FunctionObject::qualname);
     return PyUnicode_FromFormat("<function %U at %p>", qualname.get(), self);
 }
 
 // Functions pickle by reference, as Python functions do.
 PyObject* function_reduce(PyObject* self, PyObject*) {
-    return Py_NewRef(reinterpret_cast<FunctionObject*>(self)->qualname);
+    return field(reinterpret_cast<FunctionObject*>(self), &FunctionObject::qualname).release();
 }
 
 int function_traverse(PyObject* self, visitproc visit, void* arg) {
@@ -267,26 +290,26 @@ void function_dealloc(PyObject* self) {
 
 // __name__ and __qualname__ take only str and cannot be deleted, as on a
 // Python function: the error messages of every call print them.
-template <std::size_t Offset>
+template <PyObject* FunctionObject::*Member>
 PyObject* get_text(PyObject* self, void*) {
-    return Py_NewRef(*reinterpret_cast<PyObject**>(reinterpret_cast<char*>(self) + Offset));
+    return field(reinterpret_cast<FunctionObject*>(self), Member).release();
 }
-template <std::size_t Offset>
+template <PyObject* FunctionObject::*Member>
 int set_text(PyObject* self, PyObject* value, void* closure) {
     if (!value || !PyUnicode_Check(value)) {
         PyErr_Format(PyExc_TypeError, "%s must be set to a string object", static_cast<const char*>(closure));
         return -1;
     }
-    Py_XSETREF(*reinterpret_cast<PyObject**>(reinterpret_cast<char*>(self) + Offset), Py_NewRef(value));
+    replace_field(reinterpret_cast<FunctionObject*>(self), Member, Py_NewRef(value));
     return 0;
 }
 
 PyObject* get_doc(PyObject* self, void*) {
-    PyObject* doc = reinterpret_cast<FunctionObject*>(self)->doc;
-    return Py_NewRef(doc ? doc : Py_None);
+    Ref doc = field(reinterpret_cast<FunctionObject*>(self), &FunctionObject::doc);
+    return doc ? doc.release() : Py_NewRef(Py_None);
 }
 int set_doc(PyObject* self, PyObject* value, void*) {
-    Py_XSETREF(reinterpret_cast<FunctionObject*>(self)->doc, Py_XNewRef(value));
+    replace_field(reinterpret_cast<FunctionObject*>(self), &FunctionObject::doc, Py_XNewRef(value));
     return 0;
 }
 
@@ -299,10 +322,10 @@ PyMemberDef function_members[] = {
 
 PyGetSetDef function_getset[] = {
     {"__signature__", get_signature, set_signature, nullptr, nullptr},
-    {"__name__", get_text<offsetof(FunctionObject, name)>, set_text<offsetof(FunctionObject, name)>, nullptr,
+    {"__name__", get_text<&FunctionObject::name>, set_text<&FunctionObject::name>, nullptr,
      const_cast<char*>("__name__")},
-    {"__qualname__", get_text<offsetof(FunctionObject, qualname)>, set_text<offsetof(FunctionObject, qualname)>,
-     nullptr, const_cast<char*>("__qualname__")},
+    {"__qualname__", get_text<&FunctionObject::qualname>, set_text<&FunctionObject::qualname>, nullptr,
+     const_cast<char*>("__qualname__")},
     {"__doc__", get_doc, set_doc, nullptr, nullptr},
     {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
     {nullptr, nullptr, nullptr, nullptr, nullptr},

@@ -185,8 +185,19 @@ int module_clear(PyObject* module) {
 
 void module_free(void* module) { module_clear(static_cast<PyObject*>(module)); }
 
+// The module keeps every Python object in its own state (the function type
+// and the record classes are made per module), and nothing static refers to
+// one: each interpreter that imports it gets its own, so interpreters with a
+// GIL of their own may load it. Every shared read states what protects it
+// where there is no GIL (see compat.hpp), so importing it keeps the GIL off.
 PyModuleDef_Slot module_slots[] = {
     {Py_mod_exec, reinterpret_cast<void*>(module_exec)},
+#if PY_VERSION_HEX >= 0x030C0000
+    {Py_mod_multiple_interpreters, Py_MOD_PER_INTERPRETER_GIL_SUPPORTED},
+#endif
+#ifdef Py_mod_gil
+    {Py_mod_gil, Py_MOD_GIL_NOT_USED},
+#endif
     {0, nullptr},
 };
 
@@ -207,10 +218,11 @@ PyModuleDef module_def = {
 State* state_of(PyObject* module) { return static_cast<State*>(PyModule_GetState(module)); }
 
 Ref Call::get(Name name) const {
-    // The dict holds the only other reference: take ours before anything
-    // else can run.
-    PyObject* o = PyDict_GetItemWithError(ns, st->names[name]);
-    if (o) return Ref::borrow(o);
+    // The dict may hold the only other reference, and another thread may
+    // rebind the name at any moment: the lookup hands out our own reference
+    // (taken under the dict's lock where there is no GIL).
+    PyObject* o = nullptr;
+    if (PyDict_GetItemRef(ns, st->names[name], &o) > 0) return Ref(o);
     if (!PyErr_Occurred()) PyErr_Format(PyExc_NameError, "name '%U' is not defined", st->names[name]);
     throw PyErrSet{};
 }

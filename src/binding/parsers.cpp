@@ -28,18 +28,22 @@ public:
     explicit StatusTable(const Call& call) : call_(call), table_(call.get(_STATUS_BY_LETTER)) {
         sealed_ = PyDict_CheckExact(table_.get());
         if (!sealed_) return;
-        Py_ssize_t pos = 0;
-        PyObject *key, *value;
-        // Only reads: nothing here can run Python code or change the dict.
-        while (PyDict_Next(table_.get(), &pos, &key, &value)) {
-            if (!PyUnicode_CheckExact(key)) {
-                sealed_ = false;
-                return;
+        {
+            Py_ssize_t pos = 0;
+            PyObject *key, *value;
+            // Only reads that run no Python code; the dict's own lock keeps
+            // other threads' edits out of the walk where there is no GIL.
+            CriticalSection section(table_.get());
+            while (PyDict_Next(table_.get(), &pos, &key, &value)) {
+                if (!PyUnicode_CheckExact(key)) {
+                    sealed_ = false;
+                    return;
+                }
+                if (PyUnicode_GET_LENGTH(key) == 1 && PyUnicode_READ_CHAR(key, 0) < 128)
+                    ascii_[PyUnicode_READ_CHAR(key, 0)] = Ref::borrow(value);
+                else
+                    others_.emplace_back(std::string(), Ref::borrow(value)), keys_.push_back(Ref::borrow(key));
             }
-            if (PyUnicode_GET_LENGTH(key) == 1 && PyUnicode_READ_CHAR(key, 0) < 128)
-                ascii_[PyUnicode_READ_CHAR(key, 0)] = Ref::borrow(value);
-            else
-                others_.emplace_back(std::string(), Ref::borrow(value)), keys_.push_back(Ref::borrow(key));
         }
         for (std::size_t i = 0; i < keys_.size(); ++i) others_[i].first = utf8_of(keys_[i].get());
     }
@@ -300,12 +304,13 @@ Ref own_span(const Call& call, const Ref& start, const Ref& new_count, const Ref
 
 // Whether `_C_ESCAPES` still maps exactly the letters of the native table.
 bool native_letters(const Ref& table) {
-    if (!PyDict_CheckExact(table.get()) ||
-        PyDict_GET_SIZE(table.get()) != static_cast<Py_ssize_t>(std::size(ESCAPE_LETTERS)))
-        return false;
+    if (!PyDict_CheckExact(table.get())) return false;
+    // Only reads of exact str, which run no Python code; the dict's own lock
+    // keeps other threads' edits out where there is no GIL.
+    CriticalSection section(table.get());
+    if (PyDict_GET_SIZE(table.get()) != static_cast<Py_ssize_t>(std::size(ESCAPE_LETTERS))) return false;
     Py_ssize_t pos = 0;
     PyObject *key, *value;
-    // Only reads of exact str: nothing here runs Python code.
     while (PyDict_Next(table.get(), &pos, &key, &value)) {
         if (!PyUnicode_CheckExact(key) || !PyUnicode_CheckExact(value) || !PyUnicode_IS_ASCII(key) ||
             !PyUnicode_IS_ASCII(value) || PyUnicode_GET_LENGTH(key) != 1)
@@ -473,9 +478,9 @@ public:
                                                                old_count.get(), nullptr))
                          : own_span(call_, start, new_count, old_count);
         // The list is taken (owned) before anything else can run.
-        Ref list = Ref::borrow(PyDict_GetItemWithError(result_.get(), path.get()));
+        PyObject* found = nullptr;
+        Ref list(check(PyDict_GetItemRef(result_.get(), path.get(), &found)) ? found : nullptr);
         if (!list) {
-            if (PyErr_Occurred()) throw PyErrSet{};
             list = check(PyList_New(0));
             check(PyDict_SetItem(result_.get(), path.get(), list.get()));
         }

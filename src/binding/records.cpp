@@ -36,11 +36,14 @@ const RecordDef kRecords[3] = {
 // class (a new __init__, a property over a field) gives it another tag.
 unsigned int version_tag(PyObject* cls) {
     auto* type = reinterpret_cast<PyTypeObject*>(cls);
-    if (type->tp_version_tag == 0) {
-        Ref name = check(PyUnicode_InternFromString("__init__"));
-        (void)_PyType_Lookup(type, name.get());  // looking a name up assigns the tag
-    }
-    return type->tp_version_tag;
+#if PY_VERSION_HEX >= 0x030C0000
+    (void)PyUnstable_Type_AssignVersionTag(type);
+#else
+    // Before 3.12 a lookup through the type's attribute cache assigns it.
+    Ref name = check(PyUnicode_InternFromString("__init__"));
+    (void)check(PyObject_GetAttr(cls, name.get()));
+#endif
+    return type_version(type);
 }
 
 }  // namespace
@@ -76,15 +79,19 @@ RecordMaker::RecordMaker(const Call& call, Record which)
     : call_(call), which_(which), cls_(call.get(static_cast<Name>(static_cast<int>(FileChange) + static_cast<int>(which)))) {
     const unsigned int tag = call.st->record_tags[which];
     sealed_ = call.is_own(static_cast<Name>(static_cast<int>(FileChange) + static_cast<int>(which)), cls_) && tag != 0 &&
-              reinterpret_cast<PyTypeObject*>(cls_.get())->tp_version_tag == tag;
+              type_version(reinterpret_cast<PyTypeObject*>(cls_.get())) == tag;
 }
 
 Ref RecordMaker::make(PyObject* const* values, int count) const {
     if (!sealed_) return check(PyObject_Vectorcall(cls_.get(), values, static_cast<std::size_t>(count), nullptr));
     // object.__new__(cls), then the fields set in order with object.__setattr__,
     // exactly what the dataclass's own __init__ does for a frozen class. The
-    // class has no descriptor for any field (its tag is unchanged), so this
-    // runs no Python code.
+    // class had no descriptor for any field when the call began (its tag was
+    // unchanged), so with the GIL this runs no Python code. Without one,
+    // another thread may change the class meanwhile: a descriptor it adds is
+    // then honoured by object.__setattr__ as the dataclass's __init__ would
+    // honour it, and a new __init__ is seen by the next call; the sequences
+    // being built are never visible half-filled there (ListBuilder).
     Ref obj = check(PyBaseObject_Type.tp_new(reinterpret_cast<PyTypeObject*>(cls_.get()), call_.st->empty_tuple, nullptr));
     for (int i = 0; i < count; ++i)
         check(PyObject_GenericSetAttr(obj.get(), call_.st->field_names[which_][i], values[i]));

@@ -132,6 +132,42 @@ Environment environment(PyObject* env) {
     return out;
 }
 
+// The environment git gets when the host gives none: this process's.
+//
+// With the GIL, the C library's `environ` is copied with the interpreter
+// lock held: os.environ's edits (os.putenv and os.unsetenv, which call
+// setenv and unsetenv) hold it too, so no edit runs while the copy is read,
+// and git sees what subprocess would hand on.
+//
+// Without a GIL nothing guards `environ`: CPython calls setenv and unsetenv
+// with no lock of its own (3.13's posixmodule.c), and setenv may move the
+// array and free the old one while another thread reads it. There the copy
+// is of os.environ's own dict (bytes to bytes on POSIX), which PyDict_Copy
+// takes whole under the dict's lock. It differs from `environ` only by what
+// os.putenv or C code set without going through os.environ. Windows keeps
+// the system's copy, which the system makes under its own lock.
+Environment process_environment() {
+#if defined(Py_GIL_DISABLED) && !defined(_WIN32)
+    Ref name = check(PyUnicode_InternFromString("os"));
+    Ref os(PyImport_GetModule(name.get()));  // imported at start-up: in sys.modules
+    if (!os && PyErr_Occurred()) throw PyErrSet{};
+    if (!os) os = check(PyImport_Import(name.get()));
+    Ref mapping = attr(os.get(), "environ");
+    Ref key = check(PyUnicode_InternFromString("_data"));  // interned: see attr()
+    Ref data(PyObject_GetAttr(mapping.get(), key.get()));
+    if (!data) {
+        if (!PyErr_ExceptionMatches(PyExc_AttributeError)) throw PyErrSet{};
+        PyErr_Clear();  // a host's own mapping: read as a mapping
+        data = mapping;
+    }
+    Ref copy = check(PyDict_Check(data.get()) ? PyDict_Copy(data.get()) : PyDict_New());
+    if (!PyDict_Check(data.get())) check(PyDict_Merge(copy.get(), data.get(), 1));
+    return environment(copy.get());
+#else
+    return current_environment();
+#endif
+}
+
 // The time limit of a run: None for none; a number of seconds otherwise.
 std::optional<double> seconds_of(PyObject* timeout) {
     if (timeout == Py_None) return std::nullopt;
@@ -187,9 +223,7 @@ private:
         run.stdin_mode = request_.stdin_mode;
         run.start = options.start;
         run.timeout = request_.timeout ? seconds_of(request_.timeout) : std::optional<double>(DEFAULT_TIMEOUT);
-        // The environment is copied here, with the interpreter lock held: no
-        // thread can change os.environ while it is read.
-        run.env = options.env && options.env.get() != Py_None ? environment(options.env.get()) : current_environment();
+        run.env = options.env && options.env.get() != Py_None ? environment(options.env.get()) : process_environment();
 
         // The lock is released for the whole run; a signal that interrupts
         // the wait takes it back briefly so the host's handler can run (and
