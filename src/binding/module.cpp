@@ -1,7 +1,7 @@
 // The extension module `git_utils`: multi-phase initialisation, the load
 // steps in their fixed order, the module state, and the call-time lookup of
 // every name in the module namespace.
-#include <cerrno>
+#include <cstring>
 
 #include "common.hpp"
 #include "src/core/changes.hpp"
@@ -250,8 +250,11 @@ void set_os_error(int err, const std::string& filename, unsigned long winerror =
 #else
     (void)winerror;
 #endif
-    errno = err;
-    PyErr_SetFromErrnoWithFilenameObject(PyExc_OSError, name.get());
+    // OSError(errno, text, filename) made here rather than through the
+    // interpreter's errno: a module linked with another C runtime than
+    // CPython's (msvcrt.dll on Windows) has an errno of its own.
+    Ref error(PyObject_CallFunction(PyExc_OSError, "isO", err, std::strerror(err), name ? name.get() : Py_None));
+    if (error) PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(error.get())), error.get());
 }
 }  // namespace
 
