@@ -5,6 +5,7 @@ GIT_UTILS_FAKE_GIT names; run under Wine by scripts/test-wheels."""
 import os
 import subprocess
 import time
+from types import SimpleNamespace
 
 import pytest
 
@@ -37,7 +38,7 @@ def test_native_start_gives_what_git_wrote(tmp_path, args, expected):
 
 @pytest.mark.parametrize("options, seen", [
     (None, "flags=257 show=0 console=1"),  # the host's: CREATE_NO_WINDOW gives a console without a window
-    ({"startupinfo": subprocess.STARTUPINFO(dwFlags=1, wShowWindow=7), "creationflags": 0x8},  # DETACHED_PROCESS
+    ({"startupinfo": SimpleNamespace(dwFlags=1, wShowWindow=7), "creationflags": 0x8},  # DETACHED_PROCESS
      "flags=257 show=7 console=0"),
 ])
 def test_start_options_reach_git(module_state, tmp_path, options, seen):
