@@ -89,7 +89,8 @@ def build_system(system, versions):
         include = cpython_include(version)
         if cmake_system == "Windows":
             include = cpython_windows.headers(version, include)
-            entries.append(f"{name}|{suffix.format(v=name[2:])}|{include}|{cpython_windows.import_library(version, ZIG)}")
+            library = cpython_windows.import_library(version, ZIG)
+            entries.append(f"{name}|{suffix.format(v=name[2:])}|{include}|{library}")
         else:
             entries.append(f"{name}|{suffix.format(v=name[2:])}|{include}")
     args = ["cmake", "-S", str(ROOT), "-B", str(build / "cmake"), "-DCMAKE_BUILD_TYPE=Release",

@@ -116,9 +116,10 @@ def windows_runtime():
     """The fake git.exe, pytest and its dependencies for Windows, and a Wine prefix."""
     fake = WORK / "fake-git" / "git.exe"
     fake.parent.mkdir(parents=True, exist_ok=True)
-    run(*build_wheels.ZIG, "c++", "-target", "x86_64-windows-gnu", "-std=c++20", "-O2", "-municode", f"-I{ROOT}",
-        str(ROOT / "tests/core/win32/fake_git.cpp"), str(ROOT / "src/core/win32/system.cpp"), "-lntdll",
-        "-o", str(fake))
+    # Release flags as CMake gives them, so zig's C++ runtime of the modules' build serves it too.
+    run(*build_wheels.ZIG, "c++", "-target", "x86_64-windows-gnu", "-std=c++20", "-O3", "-DNDEBUG", "-municode",
+        f"-I{ROOT}", str(ROOT / "tests/core/win32/fake_git.cpp"), str(ROOT / "src/core/win32/system.cpp"),
+        "-lntdll", "-o", str(fake))
     wheels = WORK / "windows-wheels"
     if not list(wheels.glob("pytest-*.whl")):
         # Pure-Python wheels; colorama, exceptiongroup and tomli are what pytest
@@ -196,6 +197,7 @@ def main():
             for wheel, version in by_system["windows-x86_64"]:
                 test_windows(wheel, version, fake_git, pure)
         finally:
+            # Wine's server outlives the programs it ran; it must not outlive the stage.
             subprocess.run(["/usr/lib/wine/wineserver", "-k"], env=dict(os.environ, WINEPREFIX=str(WORK / "wineprefix")))
     log(f"done in {time.monotonic() - started:.0f}s")
 
