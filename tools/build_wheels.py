@@ -44,7 +44,7 @@ SYSTEMS = {
                      "manylinux_%d_%d_x86_64.manylinux2014_x86_64" % GLIBC, ".cpython-{v}-x86_64-linux-gnu.so"),
     "macos-arm64": ("aarch64-macos.%d.%d" % MACOS, "Darwin", "macosx_%d_%d_arm64" % MACOS, ".cpython-{v}-darwin.so"),
     "macos-x86_64": ("x86_64-macos.%d.%d" % MACOS, "Darwin", "macosx_%d_%d_x86_64" % MACOS, ".cpython-{v}-darwin.so"),
-    "windows-x86_64": ("x86_64-windows-gnu", "Windows", "win_amd64", ".cp{v}-win_amd64.pyd"),
+    "windows-x86_64": ("x86_64-windows.win8_1-gnu", "Windows", "win_amd64", ".cp{v}-win_amd64.pyd"),
 }
 
 
@@ -66,7 +66,11 @@ def tool_scripts(directory, target):
     """zig's c++, ar and ranlib as programs CMake can be given."""
     directory.mkdir(parents=True, exist_ok=True)
     python = sys.executable
-    scripts = {"c++": f'exec "{python}" -m ziglang c++ -target {target} "$@"\n',
+    # CMake identifies the compiler by linking a test program first, and zig
+    # would build a whole C++ runtime (unoptimised, used by nothing else) for
+    # it: refused, CMake identifies it from an object file instead.
+    refuse = 'case " $* " in *CMakeCXXCompilerId.cpp*) case " $* " in *" -c "*) ;; *) exit 1 ;; esac ;; esac\n'
+    scripts = {"c++": refuse + f'exec "{python}" -m ziglang c++ -target {target} "$@"\n',
                "ar": f'exec "{python}" -m ziglang ar "$@"\n',
                "ranlib": f'exec "{python}" -m ziglang ranlib "$@"\n'}
     for name, body in scripts.items():
@@ -94,12 +98,17 @@ def build_system(system, versions):
         else:
             entries.append(f"{name}|{suffix.format(v=name[2:])}|{include}")
     args = ["cmake", "-S", str(ROOT), "-B", str(build / "cmake"), "-DCMAKE_BUILD_TYPE=Release",
-            # Checks compile without linking: no C++ runtime built for a probe.
-            "-DCMAKE_TRY_COMPILE_TARGET_TYPE=STATIC_LIBRARY",
+            # Probes built as the modules are, so they share zig's C++ runtime build.
+            "-DCMAKE_TRY_COMPILE_CONFIGURATION=Release",
             f"-DCMAKE_SYSTEM_NAME={cmake_system}", f"-DCMAKE_SYSTEM_PROCESSOR={target.split('-')[0]}",
             f"-DCMAKE_CXX_COMPILER={tools}/zig-c++", f"-DCMAKE_AR={tools}/zig-ar",
             f"-DCMAKE_RANLIB={tools}/zig-ranlib", "-DGIT_UTILS_PYTHON=ON", "-DGIT_UTILS_STATIC_RUNTIME=ON",
             "-DGIT_UTILS_CROSS_PYTHONS=" + ";".join(entries)]
+    if cmake_system != "Linux":
+        # The checks compile without linking. On Linux they must link: glibc
+        # 2.17's stubs, not the headers, tell what that glibc has (the headers
+        # declare posix_spawn_file_actions_addclosefrom_np, of 2.34).
+        args.append("-DCMAKE_TRY_COMPILE_TARGET_TYPE=STATIC_LIBRARY")
     if cmake_system == "Darwin":
         args.append(f"-DCMAKE_OSX_DEPLOYMENT_TARGET={MACOS[0]}.{MACOS[1]}")
     if cmake_system == "Windows":

@@ -117,9 +117,10 @@ def windows_runtime():
     fake = WORK / "fake-git" / "git.exe"
     fake.parent.mkdir(parents=True, exist_ok=True)
     # Release flags as CMake gives them, so zig's C++ runtime of the modules' build serves it too.
-    run(*build_wheels.ZIG, "c++", "-target", "x86_64-windows-gnu", "-std=c++20", "-O3", "-DNDEBUG", "-municode",
-        f"-I{ROOT}", str(ROOT / "tests/core/win32/fake_git.cpp"), str(ROOT / "src/core/win32/system.cpp"),
-        "-lntdll", "-o", str(fake))
+    target = build_wheels.SYSTEMS["windows-x86_64"][0]
+    run(*build_wheels.ZIG, "c++", "-target", target, "-std=c++20", "-O3", "-DNDEBUG", "-municode", f"-I{ROOT}",
+        str(ROOT / "tests/core/win32/fake_git.cpp"), str(ROOT / "src/core/win32/system.cpp"), "-lntdll",
+        "-o", str(fake))
     wheels = WORK / "windows-wheels"
     if not list(wheels.glob("pytest-*.whl")):
         # Pure-Python wheels; colorama, exceptiongroup and tomli are what pytest
