@@ -128,7 +128,7 @@ def check_module(system, version, module):
     found = binaries.problems(module, system.split("-")[0], arch, glibc=GLIBC, macos=MACOS,
                               python_dll=f"python{version.replace('.', '')}.dll")
     if found:
-        raise SystemExit(f"build-wheels: {module.relative_to(ROOT)}:\n  " + "\n  ".join(found))
+        raise SystemExit(f"build-wheels: {module}:\n  " + "\n  ".join(found))
 
 
 def metadata():
