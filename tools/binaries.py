@@ -240,7 +240,8 @@ def problems(path, system, arch, *, glibc=(2, 17), macos=(11, 0), python_dll=Non
                     found.append(f"{name} needs {version}, newer than glibc {glibc[0]}.{glibc[1]}")
             elif not version and not weak and not name.startswith(("Py", "_Py")) and name not in UNVERSIONED_OK:
                 # An unversioned reference binds to whatever a later glibc
-                # offers, and fails the import where none does.
+                # offers, and fails the import where none does (a weak one
+                # is null there instead, for the code to look at).
                 found.append(f"{name} is imported without a version (not in glibc {glibc[0]}.{glibc[1]}?)")
     elif system == "macos":
         if b.min_os is None or b.min_os[:2] > macos:
