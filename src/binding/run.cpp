@@ -145,12 +145,17 @@ Environment environment(PyObject* env) {
 // is of os.environ's own dict (bytes to bytes on POSIX), which PyDict_Copy
 // takes whole under the dict's lock. It differs from `environ` only by what
 // os.putenv or C code set without going through os.environ. Windows keeps
-// the system's copy, which the system makes under its own lock.
+// the system's copy, which the system makes under its own lock. The
+// interpreter takes `os` out of sys.modules only while it finalises, after
+// it has stopped every other thread's Python code (a finaliser that runs a
+// query then): nothing edits `environ` any more, and the C library's copy is
+// read, as with the GIL.
 Environment process_environment() {
 #if defined(Py_GIL_DISABLED) && !defined(_WIN32)
     Ref name = check(PyUnicode_InternFromString("os"));
     Ref os(PyImport_GetModule(name.get()));  // imported at start-up: in sys.modules
     if (!os && PyErr_Occurred()) throw PyErrSet{};
+    if ((!os || os.get() == Py_None) && Py_IsFinalizing()) return current_environment();
     if (!os) os = check(PyImport_Import(name.get()));
     Ref mapping = attr(os.get(), "environ");
     Ref key = check(PyUnicode_InternFromString("_data"));  // interned: see attr()
