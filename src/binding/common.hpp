@@ -20,6 +20,8 @@
 #define PY_SSIZE_T_CLEAN
 #include <Python.h>
 
+#include <cstddef>
+#include <initializer_list>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -145,9 +147,10 @@ Moment moment_argument(const Call& call, PyObject* value, const char* func, cons
 // A Path of the namespace from a path in the operating system's encoding.
 Ref path_object(const Call& call, const std::string& os_path);
 
-// An attribute, and a method called with positional arguments, by name. The
-// name is interned: CPython's type attribute cache keeps the name object of
-// every lookup, and a fresh name on each call would pile up there.
+// An attribute, and a method called with positional arguments (through
+// call_python_method), by name. The name is interned: CPython's type
+// attribute cache keeps the name object of every lookup, and a fresh name on
+// each call would pile up there.
 Ref attr(PyObject* obj, const char* name);
 Ref call_method(PyObject* obj, const char* name, std::initializer_list<PyObject*> args = {});
 // An int object for small arguments (match.group(1)).
@@ -277,6 +280,25 @@ private:
 PyThreadState* give_lock_up();
 bool parks_at_exit();
 void take_lock_back(PyThreadState* saved);
+
+// Every call from the library into Python code, once loaded, goes through
+// these (lock.cpp): a thread that the exiting interpreter ends inside the
+// call parks there instead of unwinding through our frames. They return what
+// the C API call returns (a new reference, or null with an error set).
+//   call_python: callable(*args, **kwargs), kwargs a dict or null;
+//   call_python_method: args[0].<name>(*args[1:]);
+//   apply_python: fn(obj) for a C API function that runs what host code
+//     returned (PySequence_Tuple of a generator, PyIter_Next).
+PyObject* call_python(PyObject* callable, PyObject* const* args, std::size_t nargs, PyObject* kwargs = nullptr);
+PyObject* call_python_method(PyObject* name, PyObject* const* args, std::size_t nargs);
+PyObject* apply_python(PyObject* (*fn)(PyObject*), PyObject* obj);
+
+// callable(*args): a new reference, or PyErrSet.
+inline Ref invoke(PyObject* callable, std::initializer_list<PyObject*> args, PyObject* kwargs = nullptr) {
+    return check(call_python(callable, args.begin(), args.size(), kwargs));
+}
+// tuple(obj) of what host code returned: iterating it may run host code.
+inline Ref host_tuple(PyObject* obj) { return check(apply_python(PySequence_Tuple, obj)); }
 
 // Runs `work` with the interpreter lock released when `release` holds. The
 // work must touch no Python object.

@@ -25,7 +25,7 @@ Ref call_method(PyObject* obj, const char* name, std::initializer_list<PyObject*
     PyObject* stack[8] = {obj};
     std::size_t n = 1;
     for (PyObject* a : args) stack[n++] = a;
-    return check(PyObject_VectorcallMethod(key.get(), stack, n, nullptr));
+    return check(call_python_method(key.get(), stack, n));
 }
 
 Ref small_int(long value) { return check(PyLong_FromLong(value)); }
@@ -213,7 +213,7 @@ Moment moment_argument(const Call& call, PyObject* value, const char* func, cons
 Ref path_object(const Call& call, const std::string& os_path) {
     Ref text = check(PyUnicode_DecodeFSDefaultAndSize(os_path.data(), static_cast<Py_ssize_t>(os_path.size())));
     Ref path_class = call.get(Path);
-    return check(PyObject_CallOneArg(path_class.get(), text.get()));
+    return invoke(path_class.get(), {text.get()});
 }
 
 Text::Text(Ref str) : str_(std::move(str)), from_bytes_(false) {

@@ -212,15 +212,13 @@ PyObject* get_signature(PyObject* self, void*) {
             PyObject* dflt = p.dflt == Default::Required ? empty.get()
                                                          : PyTuple_GET_ITEM(f->defaults, static_cast<Py_ssize_t>(i));
             Ref kwargs = check(Py_BuildValue("{s:O,s:O}", "default", dflt, "annotation", ann ? ann.get() : empty.get()));
-            Ref pargs = check(PyTuple_Pack(2, name.get(), p.keyword_only ? kw_only.get() : pos_or_kw.get()));
-            Ref param = check(PyObject_Call(parameter.get(), pargs.get(), kwargs.get()));
+            Ref param = invoke(parameter.get(), {name.get(), p.keyword_only ? kw_only.get() : pos_or_kw.get()}, kwargs.get());
             check(PyList_Append(params.get(), param.get()));
         }
         PyObject* found = nullptr;
         Ref ret(PyDict_Check(annotations.get()) && check(PyDict_GetItemStringRef(annotations.get(), "return", &found)) ? found : nullptr);
-        Ref sargs = check(PyTuple_Pack(1, params.get()));
         Ref skw = check(Py_BuildValue("{s:O}", "return_annotation", ret ? ret.get() : empty.get()));
-        Ref made = check(PyObject_Call(signature.get(), sargs.get(), skw.get()));
+        Ref made = invoke(signature.get(), {params.get()}, skw.get());
         // Another thread may have set one meanwhile; keep the first.
         CriticalSection section(self);
         if (!f->signature) f->signature = Py_NewRef(made.get());

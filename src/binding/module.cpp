@@ -72,6 +72,11 @@ Ref str_dict(const Table& table, Key key, Value value) {
     return d;
 }
 
+// Loading calls Python code directly (imports, re.compile, getLogger,
+// dataclass, best_effort), not through call_python (lock.cpp): it runs once,
+// at import, normally long before the interpreter exits. A daemon thread
+// that first imports the module just as the interpreter exits is the case
+// this leaves open.
 void exec_steps(PyObject* module) {
     State* st = state_of(module);
     PyObject* ns = PyModule_GetDict(module);
@@ -230,11 +235,11 @@ Ref Call::get(Name name) const {
 void log(const Call& call, const char* level, const char* message, std::initializer_list<PyObject*> args) {
     Ref logger_obj = call.get(logger);
     Ref text = check(PyUnicode_FromString(message));
-    PyObject* stack[6] = {text.get()};
-    std::size_t n = 1;
+    Ref name = check(PyUnicode_InternFromString(level));
+    PyObject* stack[6] = {logger_obj.get(), text.get()};
+    std::size_t n = 2;
     for (PyObject* a : args) stack[n++] = a;
-    Ref method = attr(logger_obj.get(), level);
-    check(PyObject_Vectorcall(method.get(), stack, n, nullptr));
+    check(call_python_method(name.get(), stack, n));
 }
 
 namespace {

@@ -92,7 +92,7 @@ struct HostChangeSteps {
     Count line_count(std::string_view field) const {
         if (!counter) return int_from_decimal(git_utils::line_count(field));
         Ref arg = str_from_utf8(field);
-        return check(PyObject_CallOneArg(counter.get(), arg.get()));
+        return invoke(counter.get(), {arg.get()});
     }
 };
 
@@ -190,7 +190,7 @@ Ref file_changes_of_view(const Call& call, std::string_view text, bool ascii) {
     Ref inner = call.get(_file_changes);
     if (!call.is_own(_file_changes, inner)) {
         Ref tokens = token_list(text, ascii);
-        return check(PyObject_CallOneArg(inner.get(), tokens.get()));
+        return invoke(inner.get(), {tokens.get()});
     }
     const std::vector<std::string_view> tokens = split_nul(text);
     return file_changes_of_tokens(call, tokens, text.size(), ascii);
@@ -211,8 +211,8 @@ public:
             ListBuilder tokens;
             for (std::string_view t : body) tokens.add(ascii_ ? ascii_str(t) : str_from_utf8(t));
             Ref list = tokens.list();
-            Ref got = check(PyObject_CallOneArg(host_.get(), list.get()));
-            files = check(PySequence_Tuple(got.get()));
+            Ref got = invoke(host_.get(), {list.get()});
+            files = host_tuple(got.get());
         } else {
             entries_.clear();
             parser_.parse(body, entries_);
@@ -333,7 +333,7 @@ public:
         Ref pattern = call.get(_C_ESCAPE);
         table_ = call.get(_C_ESCAPES);
         if (!call.is_own(_C_ESCAPE, pattern)) matches_ = call_method(pattern.get(), "finditer", {text});
-        if (matches_) matches_ = check(PyObject_GetIter(matches_.get()));
+        if (matches_) matches_ = check(apply_python(PyObject_GetIter, matches_.get()));
         native_letters_ = call.is_own(_C_ESCAPES, table_) && native_letters(table_);
     }
 
@@ -341,7 +341,7 @@ public:
 
     std::optional<Escape> next_escape() {
         if (!matches_) return native_.next_escape();
-        Ref m(PyIter_Next(matches_.get()));
+        Ref m(apply_python(PyIter_Next, matches_.get()));
         if (!m) {
             if (PyErr_Occurred()) throw PyErrSet{};
             return std::nullopt;
@@ -403,7 +403,7 @@ Ref unquote_through_namespace(const Call& call, std::string_view inner) {
     Ref text = str_from_utf8(inner);
     Ref unquote_fn = call.get(_unquote);
     if (call.is_own(_unquote, unquote_fn)) return own_unquote(call, text.get());
-    return check(PyObject_CallOneArg(unquote_fn.get(), text.get()));
+    return invoke(unquote_fn.get(), {text.get()});
 }
 
 // `_patch_path` with the module's own function, as Python objects.
@@ -427,7 +427,7 @@ Ref patch_path_through_namespace(const Call& call, std::string_view text) {
         return patch_path_with(steps, text);
     }
     Ref arg = str_from_utf8(text);
-    return check(PyObject_CallOneArg(fn.get(), arg.get()));
+    return invoke(fn.get(), {arg.get()});
 }
 
 // The span steps when any of them is the host's (the lock is held
@@ -474,8 +474,7 @@ public:
     }
 
     void hunk(const Path& path, const Ref& start, const Ref& new_count, const Ref& old_count) {
-        Ref span = span_ ? check(PyObject_CallFunctionObjArgs(span_.get(), start.get(), new_count.get(),
-                                                               old_count.get(), nullptr))
+        Ref span = span_ ? invoke(span_.get(), {start.get(), new_count.get(), old_count.get()})
                          : own_span(call_, start, new_count, old_count);
         // The list is taken (owned) before anything else can run.
         PyObject* found = nullptr;
@@ -556,7 +555,7 @@ Ref file_changes_of(const Call& call, Text& text) {
     Ref fn = call.get(parse_file_changes);
     if (!call.is_own(parse_file_changes, fn)) {
         Ref str = text.object();
-        return check(PyObject_CallOneArg(fn.get(), str.get()));
+        return invoke(fn.get(), {str.get()});
     }
     return file_changes_of_view(call, text.view(), text.ascii());
 }
@@ -565,7 +564,7 @@ Ref commit_changes_of(const Call& call, Text& text) {
     Ref fn = call.get(parse_commit_changes);
     if (!call.is_own(parse_commit_changes, fn)) {
         Ref str = text.object();
-        return check(PyObject_CallOneArg(fn.get(), str.get()));
+        return invoke(fn.get(), {str.get()});
     }
     return commit_changes_of_view(call, text.view(), text.ascii());
 }
@@ -574,7 +573,7 @@ Ref line_spans_of(const Call& call, Text& text) {
     Ref fn = call.get(parse_line_spans);
     if (!call.is_own(parse_line_spans, fn)) {
         Ref str = text.object();
-        return check(PyObject_CallOneArg(fn.get(), str.get()));
+        return invoke(fn.get(), {str.get()});
     }
     return line_spans_of_view(call, text.view());
 }

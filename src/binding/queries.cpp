@@ -44,7 +44,7 @@ public:
             return Text(checked_own(call_, request));
         }
         Ref list = str_list(args);
-        Ref out = check(PyObject_CallFunctionObjArgs(fn.get(), root_.get(), list.get(), nullptr));
+        Ref out = invoke(fn.get(), {root_.get(), list.get()});
         if (!PyUnicode_Check(out.get()))
             raise(PyExc_TypeError, "_git_output must return str, not %.100s", Py_TYPE(out.get())->tp_name);
         return Text(std::move(out));
@@ -72,8 +72,8 @@ public:
         if (call_.is_own(_path_batches, fn))
             return git_utils::path_batches(str_list_argument(paths_.get(), "diff_line_spans", "paths", true),
                                            path_budget(call_));
-        Ref got = check(PyObject_CallOneArg(fn.get(), paths_.get()));
-        Ref outer = check(PySequence_Tuple(got.get()));
+        Ref got = invoke(fn.get(), {paths_.get()});
+        Ref outer = host_tuple(got.get());
         for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(outer.get()); ++i)
             batches.push_back(str_list_argument(PyTuple_GET_ITEM(outer.get(), i), "diff_line_spans", "_path_batches result"));
         return batches;
@@ -135,7 +135,7 @@ Ref impl_find_repo_root(const Call& call, PyObject* const*) {
     auto find = [&]() -> Ref {
         Ref fn = call.get(find_git_root);
         PyObject* none = Py_None;
-        Ref root = call.is_own(find_git_root, fn) ? impl_find_git_root(call, &none) : check(PyObject_CallNoArgs(fn.get()));
+        Ref root = call.is_own(find_git_root, fn) ? impl_find_git_root(call, &none) : invoke(fn.get(), {});
         return root.get() == Py_None ? Ref() : root;
     };
     return find_repo_root_with(find, [&] { return path_object(call, current_directory()); });

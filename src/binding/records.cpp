@@ -83,7 +83,7 @@ RecordMaker::RecordMaker(const Call& call, Record which)
 }
 
 Ref RecordMaker::make(PyObject* const* values, int count) const {
-    if (!sealed_) return check(PyObject_Vectorcall(cls_.get(), values, static_cast<std::size_t>(count), nullptr));
+    if (!sealed_) return check(call_python(cls_.get(), values, static_cast<std::size_t>(count)));
     // object.__new__(cls), then the fields set in order with object.__setattr__,
     // exactly what the dataclass's own __init__ does for a frozen class. The
     // class had no descriptor for any field when the call began (its tag was

@@ -80,7 +80,7 @@ bool read_startupinfo(PyObject* info, StartOptions& start) {
 HostOptions read_start_options(const Call& call) {
     HostOptions options;
     Ref provider = call.get(get_subprocess_hidden_kwargs);
-    options.mapping = check(PyObject_CallNoArgs(provider.get()));
+    options.mapping = invoke(provider.get(), {});
     if (PyDict_CheckExact(options.mapping.get()) && PyDict_GET_SIZE(options.mapping.get()) == 0) return options;
     Ref keys = check(PyMapping_Keys(options.mapping.get()));
     Ref key_tuple = check(PySequence_Tuple(keys.get()));
@@ -145,12 +145,17 @@ Environment environment(PyObject* env) {
 // is of os.environ's own dict (bytes to bytes on POSIX), which PyDict_Copy
 // takes whole under the dict's lock. It differs from `environ` only by what
 // os.putenv or C code set without going through os.environ. Windows keeps
-// the system's copy, which the system makes under its own lock.
+// the system's copy, which the system makes under its own lock. The
+// interpreter takes `os` out of sys.modules only while it finalises, after
+// it has stopped every other thread's Python code (a finaliser that runs a
+// query then): nothing edits `environ` any more, and the C library's copy is
+// read, as with the GIL.
 Environment process_environment() {
 #if defined(Py_GIL_DISABLED) && !defined(_WIN32)
     Ref name = check(PyUnicode_InternFromString("os"));
     Ref os(PyImport_GetModule(name.get()));  // imported at start-up: in sys.modules
     if (!os && PyErr_Occurred()) throw PyErrSet{};
+    if ((!os || os.get() == Py_None) && Py_IsFinalizing()) return current_environment();
     if (!os) os = check(PyImport_Import(name.get()));
     Ref mapping = attr(os.get(), "environ");
     Ref key = check(PyUnicode_InternFromString("_data"));  // interned: see attr()
@@ -275,8 +280,8 @@ private:
             if (stdin_value) check(PyDict_SetItemString(kwargs.get(), "stdin", stdin_value.get()));
         }
         Ref run = attr(sp.get(), "run");
-        Ref pargs = check(PyTuple_Pack(1, command.get()));
-        Ref completed(PyObject_Call(run.get(), pargs.get(), kwargs.get()));
+        PyObject* const arg = command.get();
+        Ref completed(call_python(run.get(), &arg, 1, kwargs.get()));
         RunOutcome outcome;
         if (!completed) {
             // Keep the run's own exception while looking up what it may be.
@@ -322,7 +327,7 @@ private:
 
 // A host's triple as a result: str outputs and an integer exit code.
 GitResult result_of_triple(PyObject* triple) {
-    Ref seq = check(PySequence_Tuple(triple));
+    Ref seq = host_tuple(triple);
     if (PyTuple_GET_SIZE(seq.get()) != 3)
         raise(PyExc_TypeError, "run_git_command must return (stdout, stderr, returncode), not %zd values",
               PyTuple_GET_SIZE(seq.get()));
@@ -365,7 +370,7 @@ GitResult run_through_namespace(const Call& call, const RunRequest& request) {
     Ref runner = call.get(run_git_command);
     if (call.is_own(run_git_command, runner)) return run_own(call, request);
     Ref args = request.args_object ? Ref::borrow(request.args_object) : str_list(request.args);
-    Ref triple = check(PyObject_CallFunctionObjArgs(runner.get(), request.repo_root, args.get(), nullptr));
+    Ref triple = invoke(runner.get(), {request.repo_root, args.get()});
     return result_of_triple(triple.get());
 }
 

@@ -43,7 +43,7 @@ public:
         Ref now = call_method(datetime_.get(), "now");
         Ref kwargs = check(PyDict_New());
         check(PyDict_SetItem(kwargs.get(), unit.get(), amount.get()));
-        Ref span(PyObject_Call(timedelta_cls.get(), call_.st->empty_tuple, kwargs.get()));
+        Ref span(call_python(timedelta_cls.get(), nullptr, 0, kwargs.get()));
         Ref result = span ? Ref(PyNumber_Subtract(now.get(), span.get())) : Ref();
         if (result) return result;
         if (!PyErr_ExceptionMatches(PyExc_OverflowError)) throw PyErrSet{};
@@ -52,8 +52,10 @@ public:
     }
 
     Result local(const Moment& m) {
-        return check(PyObject_CallFunction(datetime_.get(), "iiiiiii", m.year, m.month, m.day, m.hour, m.minute,
-                                           m.second, m.microsecond));
+        Ref parts[7] = {small_int(m.year),   small_int(m.month),  small_int(m.day),        small_int(m.hour),
+                        small_int(m.minute), small_int(m.second), small_int(m.microsecond)};
+        return invoke(datetime_.get(), {parts[0].get(), parts[1].get(), parts[2].get(), parts[3].get(), parts[4].get(),
+                                        parts[5].get(), parts[6].get()});
     }
 
     Ref take_cause() { return std::move(cause_); }
@@ -69,7 +71,7 @@ private:
 // A ValueError with `message`, and `cause` as its __cause__ when given.
 [[noreturn]] void raise_value_error(const std::string& message, Ref cause) {
     Ref text = str_from_utf8(message);
-    Ref error = check(PyObject_CallOneArg(PyExc_ValueError, text.get()));
+    Ref error = invoke(PyExc_ValueError, {text.get()});
     if (cause) PyException_SetCause(error.get(), cause.release());
     PyErr_SetObject(PyExc_ValueError, error.get());
     throw PyErrSet{};
@@ -87,7 +89,7 @@ Ref own_time_spec(const Call& call, PyObject* since) {
             Ref cause = steps.take_cause();
             if (!cause) {
                 Ref message = check(PyUnicode_FromString("date value out of range"));
-                cause = check(PyObject_CallOneArg(PyExc_OverflowError, message.get()));
+                cause = invoke(PyExc_OverflowError, {message.get()});
             }
             raise_value_error(e.what(), std::move(cause));
         }
@@ -103,7 +105,7 @@ Moment period_start(const Call& call, std::string_view since) {
     Ref text = str_from_utf8(since);
     Ref fn = call.get(parse_time_spec);
     Ref moment = call.is_own(parse_time_spec, fn) ? own_time_spec(call, text.get())
-                                                  : check(PyObject_CallOneArg(fn.get(), text.get()));
+                                                  : invoke(fn.get(), {text.get()});
     return moment_argument(call, moment.get(), "parse_time_spec", "result");
 }
 

@@ -19,13 +19,34 @@ from test_runner import fake_git, live_processes, processes_left  # noqa: F401 (
 from vantrel_sorlith.utils import git_utils as g
 
 EXIT_WHILE_BUSY = """
-import sys, threading, time
+import logging, subprocess, sys, threading, time
 from vantrel_sorlith.utils import git_utils as g
 work, root = sys.argv[1], sys.argv[2]
 log = "".join(f"\\x1e{1700000000 + i}\\0\\n:100644 100644 aaaaaaa bbbbbbb M\\0p{i}\\0" f"1\\t2\\tp{i}\\0" for i in range(4000))
+def slow_options():
+    time.sleep(0.05)
+    return {}
+def host_runner(root, args):
+    done = subprocess.run(["git", *args], cwd=root, capture_output=True, text=True)
+    return done.stdout, done.stderr, done.returncode
+class SlowHandler(logging.Handler):
+    def emit(self, record):
+        time.sleep(0.05)
+if work == "host options sleep":
+    g.get_subprocess_hidden_kwargs = slow_options
+elif work == "host runner":
+    g.run_git_command = host_runner
+elif work == "log handler sleeps":
+    g.logger.setLevel(logging.DEBUG)
+    g.logger.addHandler(SlowHandler())
 def busy():
     while True:
-        g.get_head_commit(root) if work == "git run" else g.parse_commit_changes(log)
+        if work == "large parse":
+            g.parse_commit_changes(log)
+        elif work == "log handler sleeps":
+            g.run_git_command(root, ["no-such-command"])  # fails: the runner logs at debug
+        else:
+            g.get_head_commit(root)
 class Late:
     def __del__(self):  # runs while the interpreter finalises, on its own thread
         if g.get_head_commit(root) is None or len(g.parse_commit_changes(log)) != 4000:
@@ -39,12 +60,17 @@ else:
 """
 
 
-@pytest.mark.parametrize("work", ["git run", "large parse", "finaliser"])
+@pytest.mark.parametrize("work", ["git run", "large parse", "finaliser", "host options sleep", "host runner",
+                                  "log handler sleeps"])
 def test_exit_with_calls_in_flight(repo, work):
     # Daemon threads are inside a git run (or a 240 KB parse, lock released)
     # when the interpreter exits, or a finaliser calls the library while it
-    # exits: every one of 20 children exits with 0, in time. (Before: SIGSEGV
-    # in 20 of 20 for the daemon threads.)
+    # exits, or the threads are in host code the library called, which gives
+    # the lock up (a sleeping get_subprocess_hidden_kwargs, a run_git_command
+    # that calls subprocess.run, a log handler that sleeps): every one of 20
+    # children exits with 0, in time. (Before: SIGSEGV in 20 of 20 for the
+    # daemon threads in the library's code; in 50, 60 and 59 of 60 for the
+    # three shapes of host code.)
     children = [subprocess.Popen([sys.executable, "-c", EXIT_WHILE_BUSY, work, str(repo)], stderr=subprocess.PIPE)
                 for _ in range(20)]
     results = [(child.wait(timeout=60), child.stderr.read().decode()[-300:]) for child in children]
