@@ -31,7 +31,7 @@ public:
     BindingGit(const Call& call, PyObject* repo_root, PyObject* paths = nullptr)
         : call_(call), root_(Ref::borrow(repo_root)), paths_(Ref::borrow(paths)) {}
 
-    GitResult run(std::vector<std::string> args, StdinMode mode = StdinMode::Inherit) {
+    RunOutcome run(std::vector<std::string> args, StdinMode mode = StdinMode::Inherit) {
         RunRequest request{root_.get(), std::move(args)};
         request.stdin_mode = mode;
         return run_through_namespace(call_, request);
@@ -81,7 +81,7 @@ public:
 
     Moment period_start(std::string_view since) { return binding::period_start(call_, since); }
 
-    void shortlog_failed(const GitResult& result, std::string_view stderr_stripped) {
+    void shortlog_failed(const RunOutcome& result, std::string_view stderr_stripped) {
         Ref rc = result.returncode_digits.empty() ? check(PyLong_FromLongLong(result.returncode))
                                                   : int_from_digits(result.returncode_digits);
         Ref err = str_from_utf8(stderr_stripped);

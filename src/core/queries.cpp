@@ -5,7 +5,6 @@
 #include <unordered_map>
 
 #include "src/core/changes.hpp"
-#include "src/core/run.hpp"
 #include "src/core/timespec.hpp"
 
 namespace git_utils {
@@ -92,13 +91,6 @@ std::vector<std::string> authors(const Moment& since) {
 // Shared readers
 // ---------------------------------------------------------------------------
 
-std::string git_error_message(const GitResult& result) {
-    const std::string_view trimmed = strip(result.err);
-    if (!trimmed.empty()) return std::string(trimmed);
-    return "git exited with code " +
-           (result.returncode_digits.empty() ? std::to_string(result.returncode) : result.returncode_digits);
-}
-
 Integer read_integer(std::string_view text) {
     const DecimalInteger d = read_decimal_integer(text);
     if (!d.valid) throw std::invalid_argument("invalid literal for int() with base 10: " + python_repr(text));
@@ -167,8 +159,8 @@ public:
     explicit NativeGit(const std::string& repo_root, const std::vector<std::string>* paths = nullptr)
         : root_(repo_root), paths_(paths) {}
 
-    GitResult run(std::vector<std::string> args, StdinMode mode = StdinMode::Inherit) {
-        return run_git_command(root_, args, DEFAULT_TIMEOUT, mode);
+    RunOutcome run(std::vector<std::string> args, StdinMode mode = StdinMode::Inherit) {
+        return run_native(root_, args, DEFAULT_TIMEOUT, mode);
     }
     Text output(std::vector<std::string> args) { return checked_output(*this, std::move(args)); }
     static std::string_view view(const Text& t) { return t; }
@@ -192,7 +184,7 @@ public:
     std::vector<std::vector<std::string>> path_batches() const { return git_utils::path_batches(*paths_); }
 
     static Moment period_start(std::string_view since) { return parse_time_spec(since); }
-    static void shortlog_failed(const GitResult&, std::string_view) {}
+    static void shortlog_failed(const RunOutcome&, std::string_view) {}
 
 private:
     const std::string& root_;

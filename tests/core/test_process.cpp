@@ -281,7 +281,8 @@ TEST(Runner, ASignalEndsTheWaitAtOnceAndTheHookStopsTheRun) {
     const RunOutcome outcome = run_git_process({"-c", "alias.x=!sleep 5", "x"}, ".", options);
     const auto took = std::chrono::steady_clock::now() - start;
     sigaction(SIGALRM, &saved, nullptr);
-    EXPECT_EQ(outcome.status, RunStatus::Interrupted);
+    EXPECT_EQ(outcome.status, RunStatus::TimedOut);
+    EXPECT_TRUE(outcome.interrupted);
     EXPECT_GE(took, std::chrono::milliseconds(200));
     EXPECT_LT(took, std::chrono::seconds(2));
 }

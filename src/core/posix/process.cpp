@@ -34,7 +34,7 @@
 #include <utility>
 
 #include "src/core/process.hpp"
-#include "src/core/run.hpp"
+#include "src/core/runner.hpp"
 
 #if defined(__GLIBC__)
 // posix_spawn_file_actions_addchdir_np came with glibc 2.29 and
@@ -874,7 +874,7 @@ struct Stream {
 
 }  // namespace
 
-Outcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
+RunOutcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
     SignalGate gate;
     Fd out_w, err_w, tty_master, tty_slave;
     Stream streams[2] = {{Fd(), out}, {Fd(), err}};
@@ -912,7 +912,7 @@ Outcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
 
     const unsigned long long started = start_mark();
     pid_t pid = -1;
-    if (!start_git(launch, request.env, spawn ? &setup : nullptr, pid)) return {RunStatus::NotFound, 0};
+    if (!start_git(launch, request.env, spawn ? &setup : nullptr, pid)) return ended(RunStatus::NotFound);
     Child child(pid, started, request.use_pidfd, pipes);
     out_w.reset();
     err_w.reset();
@@ -937,7 +937,7 @@ Outcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
                 const auto left = request.deadline - Clock::now();
                 if (left <= Clock::duration::zero()) {
                     child.stop_everything(reading);
-                    return {RunStatus::TimedOut, 0};
+                    return ended(RunStatus::TimedOut);
                 }
                 const auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(left).count();
                 wait = {static_cast<time_t>(ns / 1000000000), static_cast<long>(ns % 1000000000)};
@@ -960,7 +960,7 @@ Outcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
                 if (errno != EINTR) throw std::system_error(errno, std::generic_category(), "poll");
                 if (request.on_interrupt && gate.call_open(request.on_interrupt)) {
                     child.stop_everything(reading);
-                    return {RunStatus::Interrupted, 0};
+                    return ended(RunStatus::TimedOut, 0, true);
                 }
                 continue;
             }
@@ -976,7 +976,7 @@ Outcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
         child.stop_everything(true);
         throw;
     }
-    return {RunStatus::Exited, child.reap()};
+    return ended(RunStatus::Exited, child.reap());
 }
 
 }  // namespace process
@@ -988,11 +988,11 @@ SilentTerminal::SilentTerminal() {
     const char eof = 0x04;
     (void)!::write(master.get(), &eof, 1);
     master_ = master.release();
-    slave_ = slave.release();
+    fd_ = slave.release();
 }
 
 SilentTerminal::~SilentTerminal() {
-    if (slave_ >= 0) ::close(slave_);
+    if (fd_ >= 0) ::close(fd_);
     if (master_ >= 0) ::close(master_);
 }
 

@@ -25,7 +25,7 @@
 #include <vector>
 
 #include "src/core/process.hpp"
-#include "src/core/run.hpp"
+#include "src/core/runner.hpp"
 #include "src/core/win32/system.hpp"
 
 namespace git_utils {
@@ -390,9 +390,9 @@ private:
 
 }  // namespace
 
-Outcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
+RunOutcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
     const std::vector<std::wstring> programs = git_candidates(request.env);
-    if (programs.empty()) return {RunStatus::NotFound, 0};
+    if (programs.empty()) return ended(RunStatus::NotFound);
 
     Handle out_read, out_write, err_read, err_write;
     make_output_pipe(out_read, out_write);
@@ -436,7 +436,7 @@ Outcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
     }
     if (!started.hProcess) {
         if (first_failure != ERROR_SUCCESS) fail("git", first_failure);
-        return {RunStatus::NotFound, 0};
+        return ended(RunStatus::NotFound);
     }
     Handle thread(started.hThread);
     // Where the job cannot take git (a host in a job that forbids nesting,
@@ -466,7 +466,7 @@ Outcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
                 if (left <= Clock::duration::zero()) {
                     for (Stream& s : streams) s.cancel();
                     child.end_everything();
-                    return {RunStatus::TimedOut, 0};
+                    return ended(RunStatus::TimedOut);
                 }
                 const auto ms = std::chrono::ceil<std::chrono::milliseconds>(left).count();
                 wait_ms = static_cast<DWORD>(std::min<long long>(ms, INFINITE - 1));
@@ -500,12 +500,21 @@ Outcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
     }
     DWORD code = 0;
     ::GetExitCodeProcess(child.process(), &code);
-    return {RunStatus::Exited, static_cast<std::int64_t>(code)};
+    return ended(RunStatus::Exited, static_cast<std::int64_t>(code));
 }
 
 }  // namespace process
 
-// Where the pipe cannot be made, handle() is null and fd() -1.
+// Windows has no terminal device that a process without a console can hand
+// on, and Git for Windows answers isatty(0) itself: true for a console input
+// handle (GetConsoleMode succeeds) and for a pipe whose name marks it as an
+// MSYS2 or Cygwin pseudo-terminal ("msys-" and "-pty" in it, the terminals of
+// Git Bash and MinTTY); false for NUL, files and other pipes. So the silent
+// terminal is the reading end of such a named pipe, in message mode and
+// holding only empty messages: git sees a terminal, and a read gives end of
+// file. (Closing the writing end instead would also give end of file, but the
+// pipe's name goes with it, and git looks at the name when it starts.) Where
+// the pipe cannot be made, handle() is null and fd() -1.
 SilentTerminal::SilentTerminal() {
     const std::wstring name = process::pipe_name(L"msys-git_utils", L"-pty0");
     process::Handle writer(::CreateNamedPipeW(name.c_str(), PIPE_ACCESS_OUTBOUND | FILE_FLAG_FIRST_PIPE_INSTANCE,
