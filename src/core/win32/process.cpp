@@ -388,6 +388,77 @@ private:
     Handle job_;
 };
 
+// Starts the first of `programs` that runs, suspended, as subprocess tries
+// PATH on POSIX: one that is gone meanwhile is passed over; one that cannot
+// run (not a program for this machine, ERROR_BAD_EXE_FORMAT; access denied)
+// is remembered, and the first of those is the error when no candidate
+// starts. A directory that cannot be entered is the error at once. False
+// when no candidate exists.
+bool start_first(const std::vector<std::wstring>& programs, const Request& request, STARTUPINFOEXW& info,
+                 DWORD creation_flags, PROCESS_INFORMATION& started) {
+    std::wstring line = command_line(request.args);
+    std::wstring env = environment_block(request.env);
+    const std::wstring cwd = win32::widen(request.cwd);
+    DWORD first_failure = ERROR_SUCCESS;
+    for (const std::wstring& program : programs) {
+        if (::CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, TRUE, creation_flags, env.data(),
+                             cwd.c_str(), &info.StartupInfo, &started))
+            return true;
+        const DWORD error = ::GetLastError();
+        const DWORD directory = ::GetFileAttributesW(cwd.c_str());
+        if (directory == INVALID_FILE_ATTRIBUTES || !(directory & FILE_ATTRIBUTE_DIRECTORY)) fail(request.cwd, error);
+        if (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND && first_failure == ERROR_SUCCESS)
+            first_failure = error;
+    }
+    if (first_failure != ERROR_SUCCESS) fail("git", first_failure);
+    return false;
+}
+
+// The wait until git has exited and both streams are at end of file, or the
+// deadline passed.
+RunOutcome watch(const Request& request, Child& child, Stream (&streams)[2]) {
+    const bool limited = request.deadline != Clock::time_point::max();
+    bool exited = false;
+    for (;;) {
+        for (Stream& s : streams) s.start();
+        if (exited && !streams[0].open() && !streams[1].open()) break;
+
+        DWORD wait_ms = INFINITE;
+        if (limited) {
+            const auto left = request.deadline - Clock::now();
+            if (left <= Clock::duration::zero()) {
+                for (Stream& s : streams) s.cancel();
+                child.end_everything();
+                return ended(RunStatus::TimedOut);
+            }
+            const auto ms = std::chrono::ceil<std::chrono::milliseconds>(left).count();
+            wait_ms = static_cast<DWORD>(std::min<long long>(ms, INFINITE - 1));
+        }
+        HANDLE waits[3];
+        int what[3];
+        DWORD n = 0;
+        for (int i = 0; i < 2; ++i)
+            if (streams[i].pending()) waits[n] = streams[i].event(), what[n++] = i;
+        if (!exited) waits[n] = child.process(), what[n++] = 2;
+        const DWORD woke = ::WaitForMultipleObjects(n, waits, FALSE, wait_ms);
+        if (woke == WAIT_TIMEOUT) continue;
+        if (woke >= WAIT_OBJECT_0 + n) throw std::system_error(static_cast<int>(::GetLastError()), std::system_category(), "WaitForMultipleObjects");
+        // Everything that is ready, not only the first: one read per
+        // stream and wake-up, and the deadline looked at again before
+        // the next.
+        for (DWORD k = 0; k < n; ++k) {
+            if (k != woke - WAIT_OBJECT_0 && ::WaitForSingleObject(waits[k], 0) != WAIT_OBJECT_0) continue;
+            if (what[k] == 2)
+                exited = true;
+            else
+                streams[what[k]].finish();
+        }
+    }
+    DWORD code = 0;
+    ::GetExitCodeProcess(child.process(), &code);
+    return ended(RunStatus::Exited, static_cast<std::int64_t>(code));
+}
+
 }  // namespace
 
 RunOutcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
@@ -413,31 +484,9 @@ RunOutcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
     info.StartupInfo.hStdError = inherited[2];
     info.lpAttributeList = handle_list.get();
 
-    std::wstring line = command_line(request.args);
-    std::wstring env = environment_block(request.env);
-    const std::wstring cwd = win32::widen(request.cwd);
     Handle job(::CreateJobObjectW(nullptr, nullptr));
     PROCESS_INFORMATION started{};
-    // Each candidate in turn, as subprocess tries PATH on POSIX: one that is
-    // gone meanwhile is passed over; one that cannot run (not a program for
-    // this machine, ERROR_BAD_EXE_FORMAT; access denied) is remembered, and
-    // the first of those is the error when no candidate starts. A directory
-    // that cannot be entered is the error at once.
-    DWORD first_failure = ERROR_SUCCESS;
-    for (const std::wstring& program : programs) {
-        if (::CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, TRUE, flags.creation_flags, env.data(),
-                             cwd.c_str(), &info.StartupInfo, &started))
-            break;
-        const DWORD error = ::GetLastError();
-        const DWORD directory = ::GetFileAttributesW(cwd.c_str());
-        if (directory == INVALID_FILE_ATTRIBUTES || !(directory & FILE_ATTRIBUTE_DIRECTORY)) fail(request.cwd, error);
-        if (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND && first_failure == ERROR_SUCCESS)
-            first_failure = error;
-    }
-    if (!started.hProcess) {
-        if (first_failure != ERROR_SUCCESS) fail("git", first_failure);
-        return ended(RunStatus::NotFound);
-    }
+    if (!start_first(programs, request, info, flags.creation_flags, started)) return ended(RunStatus::NotFound);
     Handle thread(started.hThread);
     // Where the job cannot take git (a host in a job that forbids nesting,
     // before Windows 8), a timeout ends git alone.
@@ -453,44 +502,8 @@ RunOutcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
     err_write.reset();
     input.reset();  // the terminal itself stays until the run ends: git looks at its name
 
-    const bool limited = request.deadline != Clock::time_point::max();
-    bool exited = false;
     try {
-        for (;;) {
-            for (Stream& s : streams) s.start();
-            if (exited && !streams[0].open() && !streams[1].open()) break;
-
-            DWORD wait_ms = INFINITE;
-            if (limited) {
-                const auto left = request.deadline - Clock::now();
-                if (left <= Clock::duration::zero()) {
-                    for (Stream& s : streams) s.cancel();
-                    child.end_everything();
-                    return ended(RunStatus::TimedOut);
-                }
-                const auto ms = std::chrono::ceil<std::chrono::milliseconds>(left).count();
-                wait_ms = static_cast<DWORD>(std::min<long long>(ms, INFINITE - 1));
-            }
-            HANDLE waits[3];
-            int what[3];
-            DWORD n = 0;
-            for (int i = 0; i < 2; ++i)
-                if (streams[i].pending()) waits[n] = streams[i].event(), what[n++] = i;
-            if (!exited) waits[n] = child.process(), what[n++] = 2;
-            const DWORD woke = ::WaitForMultipleObjects(n, waits, FALSE, wait_ms);
-            if (woke == WAIT_TIMEOUT) continue;
-            if (woke >= WAIT_OBJECT_0 + n) throw std::system_error(static_cast<int>(::GetLastError()), std::system_category(), "WaitForMultipleObjects");
-            // Everything that is ready, not only the first: one read per
-            // stream and wake-up, and the deadline looked at again before
-            // the next.
-            for (DWORD k = 0; k < n; ++k) {
-                if (k != woke - WAIT_OBJECT_0 && ::WaitForSingleObject(waits[k], 0) != WAIT_OBJECT_0) continue;
-                if (what[k] == 2)
-                    exited = true;
-                else
-                    streams[what[k]].finish();
-            }
-        }
+        return watch(request, child, streams);
     } catch (...) {
         for (Stream& s : streams) s.cancel();
         out.clear();
@@ -498,9 +511,6 @@ RunOutcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
         child.end_everything();
         throw;
     }
-    DWORD code = 0;
-    ::GetExitCodeProcess(child.process(), &code);
-    return ended(RunStatus::Exited, static_cast<std::int64_t>(code));
 }
 
 }  // namespace process
