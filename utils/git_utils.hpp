@@ -111,8 +111,7 @@ struct GitResult {
 enum class StdinMode {
     Inherit,   // the caller's standard input
     Null,      // /dev/null
-    Terminal,  // a terminal that never sends anything: `git shortlog` without a
-               // revision summarises HEAD only when stdin is a terminal
+    Terminal,  // a terminal that never sends anything (a bare `git shortlog` summarises HEAD only then)
 };
 
 // Runs `git args...` in `repo_root` (git from PATH), at most `timeout` seconds
@@ -156,18 +155,16 @@ struct Moment {
 std::string format_moment(const Moment& m);
 Moment local_now();
 
-// `parse_time_spec`: relative forms count back from `now` (the system clock
-// when not given); ISO instants with a zone are converted with the system's
-// zone rules in force at the call. Throws TimeSpecError.
+// Relative forms count back from `now` (the system clock when not given); ISO
+// instants with a zone take the zone rules in force. Throws TimeSpecError.
 Moment parse_time_spec(std::string_view since, const Moment& now);
 Moment parse_time_spec(std::string_view since);
 
 // ---- Repository location and branch names ----------------------------------
 // The current working directory (throws OsError).
 std::string current_directory();
-// The nearest ancestor (itself included) of the absolute, unresolved `start`
-// that holds ".git"; no value when none does. Throws OsError for lookups that
-// fail with anything but "absent".
+// The nearest ancestor (itself included) of `start`, made absolute unresolved, that
+// holds ".git"; no value when none does. OsError for lookups failing otherwise.
 std::optional<std::string> find_git_root(std::optional<std::string> start = std::nullopt);
 
 // find_git_root() or the current directory.

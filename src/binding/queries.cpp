@@ -172,13 +172,13 @@ Ref impl_branch_exists(const Call& call, PyObject* const* a) {
 Ref impl_get_authors_for_period(const Call& call, PyObject* const* a) {
     const std::string since = str_argument(a[1], "get_authors_for_period", "since");
     BindingGit git(call, a[0]);
-    const std::vector<AuthorEntry> authors = git_utils::authors_for_period(git, since);
     ListBuilder list;
-    for (const AuthorEntry& author : authors) {
-        Ref name = str_from_utf8(author.name), email = str_from_utf8(author.email);
-        Ref commits = integer_object(author.commits);
-        list.add(check(Py_BuildValue("{s:O,s:O,s:O}", "name", name.get(), "email", email.get(), "commits", commits.get())));
-    }
+    git_utils::authors_for_period(git, since, [&](std::string_view name, std::string_view email, const Integer& commits) {
+        Ref name_object = str_from_utf8(name), email_object = str_from_utf8(email);
+        Ref count = integer_object(commits);
+        list.add(check(Py_BuildValue("{s:O,s:O,s:O}", "name", name_object.get(), "email", email_object.get(), "commits",
+                                     count.get())));
+    });
     return list.list();
 }
 

@@ -102,8 +102,7 @@ Integer read_integer(std::string_view text) {
     return i;
 }
 
-std::vector<AuthorEntry> parse_shortlog(std::string_view output) {
-    std::vector<AuthorEntry> authors;
+void parse_shortlog(std::string_view output, const AddAuthor& add) {
     const std::string_view text = strip(output);
     std::size_t pos = 0;
     while (pos <= text.size()) {
@@ -116,21 +115,18 @@ std::vector<AuthorEntry> parse_shortlog(std::string_view output) {
         if (tab == std::string_view::npos) continue;  // also every empty line
         const std::string_view rest = line.substr(tab + 1);
 
-        AuthorEntry& author = authors.emplace_back();
-        author.commits = read_integer(strip(line.substr(0, tab)));
+        const Integer commits = read_integer(strip(line.substr(0, tab)));
         const std::size_t lt = rest.find('<');
         if (lt != std::string_view::npos && rest.find('>') != std::string_view::npos) {
-            author.name = strip(rest.substr(0, lt));
             // The address runs from the first "<" to the next "<" (or the
             // end), cut before its first ">".
             std::string_view email = rest.substr(lt + 1);
             email = email.substr(0, email.find('<'));
-            author.email = email.substr(0, email.find('>'));
+            add(strip(rest.substr(0, lt)), email.substr(0, email.find('>')), commits);
         } else {
-            author.name = rest;
+            add(rest, {}, commits);
         }
     }
-    return authors;
 }
 
 std::vector<std::vector<std::string>> path_batches(const std::vector<std::string>& paths, std::int64_t budget) {
@@ -222,8 +218,9 @@ bool branch_exists(const std::string& repo_root, std::string_view branch) {
 std::vector<Author> get_authors_for_period(const std::string& repo_root, std::string_view since) {
     NativeGit git(repo_root);
     std::vector<Author> authors;
-    for (AuthorEntry& e : authors_for_period(git, since))
-        authors.push_back(Author{std::move(e.name), std::move(e.email), to_int64(e.commits)});
+    authors_for_period(git, since, [&](std::string_view name, std::string_view email, const Integer& commits) {
+        authors.push_back(Author{std::string(name), std::string(email), to_int64(commits)});
+    });
     return authors;
 }
 

@@ -23,6 +23,7 @@
 //   void shortlog_failed(const RunOutcome&, std::string_view stderr_stripped);  // the authors query's log line
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -91,15 +92,12 @@ std::vector<std::size_t> path_batch_sizes(std::size_t count, Length&& length, st
     return sizes;
 }
 
-// One author line of `git shortlog -sne`.
-struct AuthorEntry {
-    std::string name;
-    std::string email;
-    Integer commits;
-};
-// Lines without a TAB are skipped; a count that is no integer throws
-// std::invalid_argument.
-std::vector<AuthorEntry> parse_shortlog(std::string_view output);
+// Each author line of `git shortlog -sne`, in order, given to `add` as its
+// name, address and count (the caller makes its own record of them: the
+// public Author, or the module's dict). Lines without a TAB are skipped; a
+// count that is no integer throws std::invalid_argument.
+using AddAuthor = std::function<void(std::string_view name, std::string_view email, const Integer& commits)>;
+void parse_shortlog(std::string_view output, const AddAuthor& add);
 
 // ---------------------------------------------------------------------------
 // The queries
@@ -207,10 +205,11 @@ auto diff_line_spans(Git& git, std::string_view base, std::string_view head, boo
     return result;
 }
 
-// Who committed since the start of the period, as git's summary lists them;
-// nothing when git fails (which is logged through the policy).
+// Who committed since the start of the period, as git's summary lists them,
+// each given to `add`; nobody when git fails (which is logged through the
+// policy).
 template <class Git>
-std::vector<AuthorEntry> authors_for_period(Git& git, std::string_view since) {
+void authors_for_period(Git& git, std::string_view since, const AddAuthor& add) {
     // A malformed since value throws here, before git runs.
     const Moment start = git.period_start(since);
     // Without a revision, shortlog summarises HEAD only when its standard
@@ -218,9 +217,9 @@ std::vector<AuthorEntry> authors_for_period(Git& git, std::string_view since) {
     const RunOutcome result = git.run(args::authors(start), StdinMode::Terminal);
     if (!succeeded(result)) {
         git.shortlog_failed(result, strip(result.err));
-        return {};
+        return;
     }
-    return parse_shortlog(result.out);
+    parse_shortlog(result.out, add);
 }
 
 }  // namespace git_utils

@@ -82,21 +82,19 @@ RunOutcome run_git_process(const std::vector<std::string>& args, const std::stri
     return outcome;
 }
 
-RunOutcome timed_out_result() {
+namespace {
+// ("", message, 1), as a run that never got to git's exit gives it.
+RunOutcome fixed_result(RunStatus status, std::string_view message) {
     RunOutcome r;
-    r.err = TIMED_OUT_MESSAGE;
+    r.err = message;
     r.returncode = 1;
-    r.status = RunStatus::TimedOut;
+    r.status = status;
     return r;
 }
+}  // namespace
 
-RunOutcome not_found_result() {
-    RunOutcome r;
-    r.err = NOT_FOUND_MESSAGE;
-    r.returncode = 1;
-    r.status = RunStatus::NotFound;
-    return r;
-}
+RunOutcome timed_out_result() { return fixed_result(RunStatus::TimedOut, TIMED_OUT_MESSAGE); }
+RunOutcome not_found_result() { return fixed_result(RunStatus::NotFound, NOT_FOUND_MESSAGE); }
 
 std::string git_error_message(const RunOutcome& result) {
     const std::string_view trimmed = strip(result.err);
