@@ -96,7 +96,7 @@ NativeStart windows_start(const StartOptions& host);
 // Starts git, reads both outputs into `out` and `err` until git has exited
 // and both pipes are at end of file, the deadline passes or `on_interrupt`
 // asks to stop. On every way out after the start (also when reading throws)
-// everything the run started is killed and git is reaped. Throws SpawnError
+// everything the run started is killed and git is reaped. Throws OsError
 // for start failures other than ENOENT.
 RunOutcome run(const Request& request, OutputBuffer& out, OutputBuffer& err);
 

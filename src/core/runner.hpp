@@ -214,10 +214,10 @@ public:
 private:
     int fd_ = -1;
     void* handle_ = nullptr;
-    // What keeps the terminal open: POSIX, the master's descriptor in
-    // `master_`; Windows, the pipe's writing end in `writer_`.
-    int master_ = -1;
-    void* writer_ = nullptr;
+    // What keeps the terminal open, each platform using its own: POSIX, the
+    // master's descriptor; Windows, the pipe's writing end.
+    [[maybe_unused]] int master_ = -1;
+    [[maybe_unused]] void* writer_ = nullptr;
 };
 
 }  // namespace git_utils
