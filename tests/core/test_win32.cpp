@@ -238,20 +238,38 @@ INSTANTIATE_TEST_SUITE_P(
                       FindCase{"only_an_unrunnable_git", "{bad}", nullptr, false, ERROR_BAD_EXE_FORMAT}),
     [](const auto& info) { return std::string(info.param.name); });
 
-// The standard input modes as git sees them: NUL is a character device (2),
-// the terminal stand-in a pipe (3) named as Git for Windows takes MSYS2's
-// ptys. (How the host's start options reach git: tests/python/test_windows.py.)
-TEST(Win32Runner, StdinModesReachGit) {
+// The host's start options and the standard input modes as git sees them.
+struct StartCase {
+    StartOptions start;
+    StdinMode stdin_mode;
+    const char* expected;
+};
+class Win32Start : public ::testing::TestWithParam<StartCase> {};
+
+TEST_P(Win32Start, ReachGit) {
     RunOptions options;
-    options.stdin_mode = StdinMode::Null;
-    const std::string null = run({"show"}, options).outcome.out;
-    EXPECT_NE(null.find(" stdin=2 read=eof\n"), std::string::npos) << null;
-    options.stdin_mode = StdinMode::Terminal;
-    const std::string pty = run({"show"}, options).outcome.out;
-    EXPECT_NE(pty.find(" stdin=3 read=eof\n"), std::string::npos) << pty;
-    const std::string name = pty.substr(pty.find("name=") + 5);
-    EXPECT_TRUE(name.find("msys-") != std::string::npos && name.find("-pty") != std::string::npos) << name;
+    options.start = GetParam().start;
+    options.stdin_mode = GetParam().stdin_mode;
+    const Ran r = run({"show"}, options);
+    EXPECT_EQ(r.outcome.out.substr(0, r.outcome.out.find('\n')), GetParam().expected);
+    if (GetParam().stdin_mode == StdinMode::Terminal) {
+        // What Git for Windows takes for a terminal (MSYS2's pty pipes).
+        const std::string name = r.outcome.out.substr(r.outcome.out.find("name=") + 5);
+        EXPECT_NE(name.find("msys-"), std::string::npos) << name;
+        EXPECT_NE(name.find("-pty"), std::string::npos) << name;
+    }
 }
+
+// STARTF_USESHOWWINDOW 1, SW_HIDE 0; CREATE_NO_WINDOW 0x08000000 gives git a
+// console without a window, DETACHED_PROCESS 0x8 none at all; FILE_TYPE_CHAR
+// 2 (NUL), FILE_TYPE_PIPE 3. CREATE_BREAKAWAY_FROM_JOB 0x01000000 and the debug
+// flags 0x3 are dropped: git still answers, inside the run's job.
+INSTANTIATE_TEST_SUITE_P(
+    Cases, Win32Start,
+    ::testing::Values(StartCase{{0, 0, 0x8}, StdinMode::Null, "flags=256 show=0 console=0 stdin=2 read=eof"},
+                      StartCase{{1, 0, 0x08000000}, StdinMode::Null, "flags=257 show=0 console=1 stdin=2 read=eof"},
+                      StartCase{{1, 7, 0x8}, StdinMode::Terminal, "flags=257 show=7 console=0 stdin=3 read=eof"},
+                      StartCase{{0, 0, 0x01000000 | 0x3 | 0x8}, StdinMode::Null, "flags=256 show=0 console=0 stdin=2 read=eof"}));
 
 TEST(Win32Runner, MissingDirectoryThrowsWithItsName) {
     try {
