@@ -321,10 +321,15 @@ inline constexpr std::int64_t MAX_PATHSPEC_CHARS = 16000;
 std::vector<std::vector<std::string>> path_batches(const std::vector<std::string>& paths,
                                                    std::int64_t budget = MAX_PATHSPEC_CHARS);
 
+// The queries' defaults: the period of get_authors_for_period, the kinds of
+// change diff_line_spans follows (modified and renamed).
+inline constexpr std::string_view DEFAULT_SINCE = "30d";
+inline constexpr std::string_view DEFAULT_DIFF_FILTER = "MR";
+
 std::optional<std::string> resolve_display_branch(const std::string& repo_root);
 std::string get_default_branch(const std::string& repo_root);
 bool branch_exists(const std::string& repo_root, std::string_view branch);
-std::vector<Author> get_authors_for_period(const std::string& repo_root, std::string_view since = "30d");
+std::vector<Author> get_authors_for_period(const std::string& repo_root, std::string_view since = DEFAULT_SINCE);
 std::optional<std::string> get_head_commit(const std::string& repo_root, bool short_id = true);
 std::optional<std::string> resolve_commit(const std::string& repo_root, std::string_view name);
 std::int64_t count_commits(const std::string& repo_root, std::string_view base, std::string_view head);
@@ -334,6 +339,6 @@ std::vector<CommitChanges> log_commit_changes(const std::string& repo_root, cons
                                               std::optional<std::string_view> ref, std::int64_t max_commits);
 LineSpansByPath diff_line_spans(const std::string& repo_root, std::string_view base, std::string_view head,
                                 bool merge_base, const std::vector<std::string>& paths = {},
-                                std::string_view diff_filter = "MR");
+                                std::string_view diff_filter = DEFAULT_DIFF_FILTER);
 
 }  // namespace git_utils

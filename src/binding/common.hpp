@@ -77,11 +77,14 @@ inline int check(int rc) {
 // Sets a TypeError (or another error class) and throws.
 [[noreturn]] void raise(PyObject* type, const char* format, ...);
 
-// Names the library binds and looks up in its own namespace at each call.
+// Names the library binds and looks up in its own namespace at each call,
+// in load order (operations.inc).
 enum Name : int {
-#define GIT_UTILS_NAME(id) id,
-#include "names.inc"
-#undef GIT_UTILS_NAME
+#define NAME(id) id,
+#define OPERATION(id, returns, doc, params) id,
+#include "operations.inc"
+#undef NAME
+#undef OPERATION
     NAME_COUNT
 };
 
@@ -164,13 +167,23 @@ void log(const Call& call, const char* level, const char* message, std::initiali
 // Translates a C++ exception escaping an implementation into a Python error.
 void set_python_error(const Call& call) noexcept;
 
-// --- the bound operations (defs.cpp) -----------------------------------------
+// --- the bound operations (operations.inc, operations.cpp) ------------------
 
-// Signature of a bound operation's implementation: the arguments arrive in
-// parameter order, defaults filled in. Returns a new reference or throws.
-using Impl = Ref (*)(const Call& call, PyObject* const* args);
-
-enum class Default { None_, Required, True_, Int30, Str30d, EmptyTuple, StrMR };
+// A parameter's default: none (the argument is required) or a value made at
+// load from one of the core's constants.
+struct Default {
+    enum Kind : unsigned char { Required, None, True, Number, Text, EmptyTuple } kind;
+    long long number = 0;
+    std::string_view text = {};
+};
+inline constexpr Default required{Default::Required};
+namespace dflt {
+inline constexpr Default none{Default::None};
+inline constexpr Default yes{Default::True};
+inline constexpr Default empty{Default::EmptyTuple};
+constexpr Default number(double value) { return {Default::Number, static_cast<long long>(value)}; }
+constexpr Default text(std::string_view value) { return {Default::Text, 0, value}; }
+}  // namespace dflt
 
 struct ParamDef {
     const char* name;
@@ -178,6 +191,11 @@ struct ParamDef {
     Default dflt;
     bool keyword_only;
 };
+
+// Runs an operation on its arguments, in parameter order with the defaults
+// filled in: they become the operation's Args struct. Returns a new
+// reference or throws.
+using Impl = Ref (*)(const Call& call, PyObject* const* args);
 
 struct FunctionDef {
     Name name;
@@ -189,6 +207,27 @@ struct FunctionDef {
 
 // Every bound function, in load order.
 const std::vector<FunctionDef>& function_defs();
+
+// The arguments of each operation by parameter name, borrowed from the
+// caller for the call, and its implementation (one file per family).
+template <Name N>
+struct Args;
+#define NAME(id)
+#define PARAM(name, annotation, dflt) PyObject* name;
+#define KWONLY PARAM
+#define PARAM_AS(field, name, annotation, dflt) PyObject* field;
+#define OPERATION(id, returns, doc, params) \
+    template <>                              \
+    struct Args<id> {                        \
+        params                               \
+    };                                       \
+    Ref impl(const Call& call, const Args<id>& args);
+#include "operations.inc"
+#undef NAME
+#undef PARAM
+#undef KWONLY
+#undef PARAM_AS
+#undef OPERATION
 
 // Evaluates a type expression such as "list[dict[str, Any]]" or "Path | None"
 // against the namespace and builtins.
@@ -369,33 +408,5 @@ Ref line_spans_of(const Call& call, Text& text);
 // Period starts (timespec.cpp): `parse_time_spec` as the namespace holds it,
 // read as a moment.
 Moment period_start(const Call& call, std::string_view since);
-
-// Implementations, by family (one file each).
-Ref impl_run_git_command(const Call&, PyObject* const*);
-Ref impl_git_output(const Call&, PyObject* const*);
-Ref impl_parse_file_changes(const Call&, PyObject* const*);
-Ref impl_parse_commit_changes(const Call&, PyObject* const*);
-Ref impl_parse_line_spans(const Call&, PyObject* const*);
-Ref impl_span(const Call&, PyObject* const*);
-Ref impl_file_changes(const Call&, PyObject* const*);
-Ref impl_line_count(const Call&, PyObject* const*);
-Ref impl_patch_path(const Call&, PyObject* const*);
-Ref impl_unquote(const Call&, PyObject* const*);
-Ref impl_parse_time_spec(const Call&, PyObject* const*);
-Ref impl_find_git_root(const Call&, PyObject* const*);
-Ref impl_find_repo_root(const Call&, PyObject* const*);
-Ref impl_resolve_display_branch(const Call&, PyObject* const*);
-Ref impl_normalize_branch_name(const Call&, PyObject* const*);
-Ref impl_get_head_commit(const Call&, PyObject* const*);
-Ref impl_get_default_branch(const Call&, PyObject* const*);
-Ref impl_branch_exists(const Call&, PyObject* const*);
-Ref impl_get_authors_for_period(const Call&, PyObject* const*);
-Ref impl_resolve_commit(const Call&, PyObject* const*);
-Ref impl_count_commits(const Call&, PyObject* const*);
-Ref impl_commit_before(const Call&, PyObject* const*);
-Ref impl_diff_file_changes(const Call&, PyObject* const*);
-Ref impl_log_commit_changes(const Call&, PyObject* const*);
-Ref impl_diff_line_spans(const Call&, PyObject* const*);
-Ref impl_path_batches(const Call&, PyObject* const*);
 
 }  // namespace git_utils::binding
