@@ -142,9 +142,9 @@ Ref int_from_digits(std::string_view ascii_digits);
 // The text form of `repo_root` (str() of it) for the process's working
 // directory, in the operating system's encoding.
 std::string repo_root_text(PyObject* repo_root);
-// A str argument in the operating system's encoding (os.fsencode rules);
-// ValueError for an embedded NUL.
-std::string os_bytes(std::string_view utf8, const char* what);
+// A str in the operating system's encoding, as os.fsencode gives it (the
+// interpreter's own encoder); ValueError naming `what` for an embedded NUL.
+std::string fs_bytes(PyObject* str, const char* what);
 // A datetime as the moment it names, read through datetime's own fields.
 Moment moment_argument(const Call& call, PyObject* value, const char* func, const char* param);
 // A Path of the namespace from a path in the operating system's encoding.
@@ -339,22 +339,40 @@ inline Ref invoke(PyObject* callable, std::initializer_list<PyObject*> args, PyO
 // tuple(obj) of what host code returned: iterating it may run host code.
 inline Ref host_tuple(PyObject* obj) { return check(apply_python(PySequence_Tuple, obj)); }
 
+// The interpreter lock given up for the life of this object (when `release`
+// holds), and taken back through take_lock_back when it ends, also when an
+// exception leaves the scope. Nothing in the scope may touch a Python object,
+// except inside held().
+class LockReleased {
+public:
+    explicit LockReleased(bool release = true) : saved_(release ? give_lock_up() : nullptr) {}
+    ~LockReleased() {
+        if (saved_) take_lock_back(saved_);
+    }
+    LockReleased(const LockReleased&) = delete;
+    LockReleased& operator=(const LockReleased&) = delete;
+    // Runs `fn` with the lock taken back for a moment (a signal handler that
+    // interrupts a wait), then gives it up again.
+    template <class F>
+    auto held(F&& fn) {
+        take_lock_back(saved_);
+        struct Again {
+            PyThreadState*& saved;
+            ~Again() { saved = give_lock_up(); }
+        } again{saved_};
+        return fn();
+    }
+
+private:
+    PyThreadState* saved_;
+};
+
 // Runs `work` with the interpreter lock released when `release` holds. The
 // work must touch no Python object.
 template <class F>
 void without_gil(bool release, F&& work) {
-    if (!release) {
-        work();
-        return;
-    }
-    PyThreadState* saved = give_lock_up();
-    try {
-        work();
-    } catch (...) {
-        take_lock_back(saved);
-        throw;
-    }
-    take_lock_back(saved);
+    LockReleased unlocked(release);
+    work();
 }
 
 // Inputs smaller than this are scanned with the lock held: releasing it

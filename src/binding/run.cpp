@@ -122,7 +122,7 @@ Environment environment(PyObject* env) {
             if (PyBytes_Check(part.get()))
                 entry[k].assign(PyBytes_AS_STRING(part.get()), static_cast<std::size_t>(PyBytes_GET_SIZE(part.get())));
             else
-                entry[k] = os_bytes(utf8_of(part.get()), k == 0 ? "environment variable name" : "environment variable value");
+                entry[k] = fs_bytes(part.get(), k == 0 ? "environment variable name" : "environment variable value");
             if (entry[k].find('\0') != std::string::npos) raise(PyExc_ValueError, "embedded null byte");
         }
         if (entry[0].empty() || entry[0].find('=') != std::string::npos)
@@ -223,7 +223,7 @@ private:
         const std::string cwd = repo_root_text(request_.repo_root);
         std::vector<std::string> argv;
         argv.reserve(request_.args.size());
-        for (const std::string& a : request_.args) argv.push_back(os_bytes(a, "args"));
+        for (const std::string& a : request_.args) argv.push_back(fs_bytes(str_from_utf8(a).get(), "args"));
         RunOptions run;
         run.stdin_mode = request_.stdin_mode;
         run.start = options.start;
@@ -234,24 +234,16 @@ private:
         // the wait takes it back briefly so the host's handler can run (and
         // raise, which stops git). Once the interpreter is exiting the lock
         // is not asked for: the run stops, git is killed and reaped, and the
-        // thread parks in take_lock_back below.
-        PyThreadState* saved = nullptr;
-        run.on_interrupt = [&saved]() {
-            if (parks_at_exit()) return true;
-            take_lock_back(saved);
-            const bool stop = PyErr_CheckSignals() != 0;
-            saved = give_lock_up();
-            return stop;
-        };
+        // thread parks where the lock is taken back, at the end of the block.
         RunOutcome outcome;
-        saved = give_lock_up();
-        try {
+        {
+            LockReleased unlocked;
+            run.on_interrupt = [&unlocked]() {
+                if (parks_at_exit()) return true;
+                return unlocked.held([] { return PyErr_CheckSignals() != 0; });
+            };
             outcome = run_git_process(argv, cwd, run);
-        } catch (...) {
-            take_lock_back(saved);
-            throw;
         }
-        take_lock_back(saved);
         if (outcome.status == RunStatus::Interrupted) throw PyErrSet{};  // the handler's exception
         return outcome;
     }
