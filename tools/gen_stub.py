@@ -54,6 +54,15 @@ def render(module: types.ModuleType) -> str:
             return f"tuple[{item(value)}, ...]"
         return type(value).__name__
 
+    def public_module(owner: str, name: str, value: object) -> str:
+        # Where a user imports it from: the type's own module may be private
+        # (pathlib._local on 3.13, _pydatetime in a subinterpreter).
+        if not any(part.startswith("_") for part in owner.split(".")):
+            return owner
+        public = [m for m, mod in list(sys.modules.items())
+                  if not any(part.startswith("_") for part in m.split(".")) and getattr(mod, name, None) is value]
+        return min(public, key=len, default=owner)
+
     def literal(value: object) -> str:
         return f'"{value}"' if isinstance(value, str) and '"' not in value and "\\" not in value else repr(value)
 
@@ -94,7 +103,7 @@ def render(module: types.ModuleType) -> str:
         elif callable(value) and owner == module.__name__:
             body.append(function(name, value))
         elif getattr(value, "__name__", None) == name and owner != module.__name__:
-            imports.append(f"from {owner} import {name} as {name}")
+            imports.append(f"from {public_module(owner, name, value)} import {name} as {name}")
         else:
             body.append(f"{name}: {value_type(value)}")
     return HEADER + "\n".join(imports) + "\n\n" + "\n".join(body).replace("\n\n\n", "\n\n").strip("\n") + "\n"
