@@ -13,7 +13,7 @@ namespace {
 #define KWONLY PARAM
 #define PARAM_AS(field, name, annotation, dflt) values[i++],
 #define OPERATION(id, returns, doc, params)                              \
-    Ref run_##id(const Call& call, PyObject* const* values) {            \
+    Ref run_##id(const Call& call, [[maybe_unused]] PyObject* const* values) { \
         [[maybe_unused]] std::size_t i = 0;                              \
         return impl(call, Args<id>{params});                             \
     }
