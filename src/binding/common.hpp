@@ -208,20 +208,40 @@ struct FunctionDef {
 // Every bound function, in load order.
 const std::vector<FunctionDef>& function_defs();
 
-// The arguments of each operation by parameter name, borrowed from the
-// caller for the call, and its implementation (one file per family).
+// The arguments of each operation, read by parameter name (args.repo_root())
+// from the parsed argument array, in parameter order with the defaults filled
+// in; borrowed from the caller for the call. Args holds only the array, so
+// the step from the function table to the implementation costs a jump.
+// Fields<op> numbers the parameters, Args<op> reads them; impl(call, args)
+// is the implementation (one file per family).
+template <Name N>
+struct Fields;
 template <Name N>
 struct Args;
 #define NAME(id)
-#define PARAM(name, annotation, dflt) PyObject* name;
+#define PARAM(name, annotation, dflt) name,
 #define KWONLY PARAM
-#define PARAM_AS(field, name, annotation, dflt) PyObject* field;
+#define PARAM_AS(field, name, annotation, dflt) field,
+#define OPERATION(id, returns, doc, params) \
+    template <>                              \
+    struct Fields<id> {                      \
+        enum Index : int { params };         \
+    };
+#include "operations.inc"
+#undef PARAM
+#undef PARAM_AS
+#define PARAM(name, annotation, dflt) \
+    PyObject* name() const { return values[F::name]; }
+#define PARAM_AS(field, name, annotation, dflt) PARAM(field, annotation, dflt)
+#undef OPERATION
 #define OPERATION(id, returns, doc, params) \
     template <>                              \
     struct Args<id> {                        \
+        using F = Fields<id>;                \
+        PyObject* const* values;             \
         params                               \
     };                                       \
-    Ref impl(const Call& call, const Args<id>& args);
+    Ref impl(const Call& call, Args<id> args);
 #include "operations.inc"
 #undef NAME
 #undef PARAM

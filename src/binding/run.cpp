@@ -388,14 +388,14 @@ Ref triple_of(const Call& call, const GitResult& result) {
     return check(PyTuple_Pack(3, out.get(), err.get(), rc.get()));
 }
 
-Ref impl(const Call& call, const Args<run_git_command>& args) {
-    RunRequest request{args.repo_root, str_list_argument(args.args, "run_git_command", "args", true), args.args, args.timeout};
-    if (args.timeout != Py_None) (void)seconds_of(args.timeout);  // a bad limit fails before anything runs
+Ref impl(const Call& call, Args<run_git_command> args) {
+    RunRequest request{args.repo_root(), str_list_argument(args.args(), "run_git_command", "args", true), args.args(), args.timeout()};
+    if (args.timeout() != Py_None) (void)seconds_of(args.timeout());  // a bad limit fails before anything runs
     return triple_of(call, run_own(call, request));
 }
 
-Ref impl(const Call& call, const Args<_git_output>& args) {
-    RunRequest request{args.repo_root, str_list_argument(args.args, "_git_output", "args", true), args.args};
+Ref impl(const Call& call, Args<_git_output> args) {
+    RunRequest request{args.repo_root(), str_list_argument(args.args(), "_git_output", "args", true), args.args()};
     return str_from_utf8(checked_own(call, request));
 }
 

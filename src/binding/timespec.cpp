@@ -109,9 +109,9 @@ Moment period_start(const Call& call, std::string_view since) {
     return moment_argument(call, moment.get(), "parse_time_spec", "result");
 }
 
-Ref impl(const Call& call, const Args<parse_time_spec>& args) {
-    require_str(args.since, "parse_time_spec", "since");
-    return own_time_spec(call, args.since);
+Ref impl(const Call& call, Args<parse_time_spec> args) {
+    require_str(args.since(), "parse_time_spec", "since");
+    return own_time_spec(call, args.since());
 }
 
 }  // namespace git_utils::binding
