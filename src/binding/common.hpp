@@ -78,11 +78,14 @@ inline int check(int rc) {
 // Sets a TypeError (or another error class) and throws.
 [[noreturn]] void raise(PyObject* type, const char* format, ...);
 
-// Names the library binds and looks up in its own namespace at each call.
+// Names the library binds and looks up in its own namespace at each call,
+// in load order (operations.inc).
 enum Name : int {
-#define GIT_UTILS_NAME(id) id,
-#include "names.inc"
-#undef GIT_UTILS_NAME
+#define NAME(id) id,
+#define OPERATION(id, returns, doc, params) id,
+#include "operations.inc"
+#undef NAME
+#undef OPERATION
     NAME_COUNT
 };
 
@@ -140,9 +143,9 @@ Ref int_from_digits(std::string_view ascii_digits);
 // The text form of `repo_root` (str() of it) for the process's working
 // directory, in the operating system's encoding.
 std::string repo_root_text(PyObject* repo_root);
-// A str argument in the operating system's encoding (os.fsencode rules);
-// ValueError for an embedded NUL.
-std::string os_bytes(std::string_view utf8, const char* what);
+// A str in the operating system's encoding, as os.fsencode gives it (the
+// interpreter's own encoder); ValueError naming `what` for an embedded NUL.
+std::string fs_bytes(PyObject* str, const char* what);
 // A datetime as the moment it names, read through datetime's own fields.
 Moment moment_argument(const Call& call, PyObject* value, const char* func, const char* param);
 // A Path of the namespace from a path in the operating system's encoding.
@@ -165,13 +168,23 @@ void log(const Call& call, const char* level, const char* message, std::initiali
 // Translates a C++ exception escaping an implementation into a Python error.
 void set_python_error(const Call& call) noexcept;
 
-// --- the bound operations (defs.cpp) -----------------------------------------
+// --- the bound operations (operations.inc, operations.cpp) ------------------
 
-// Signature of a bound operation's implementation: the arguments arrive in
-// parameter order, defaults filled in. Returns a new reference or throws.
-using Impl = Ref (*)(const Call& call, PyObject* const* args);
-
-enum class Default { None_, Required, True_, Int30, Str30d, EmptyTuple, StrMR };
+// A parameter's default: none (the argument is required) or a value made at
+// load from one of the core's constants.
+struct Default {
+    enum Kind : unsigned char { Required, None, True, Number, Text, EmptyTuple } kind;
+    long long number = 0;
+    std::string_view text = {};
+};
+inline constexpr Default required{Default::Required};
+namespace dflt {
+inline constexpr Default none{Default::None};
+inline constexpr Default yes{Default::True};
+inline constexpr Default empty{Default::EmptyTuple};
+constexpr Default number(double value) { return {Default::Number, static_cast<long long>(value)}; }
+constexpr Default text(std::string_view value) { return {Default::Text, 0, value}; }
+}  // namespace dflt
 
 struct ParamDef {
     const char* name;
@@ -179,6 +192,11 @@ struct ParamDef {
     Default dflt;
     bool keyword_only;
 };
+
+// Runs an operation on its arguments, in parameter order with the defaults
+// filled in: they become the operation's Args struct. Returns a new
+// reference or throws.
+using Impl = Ref (*)(const Call& call, PyObject* const* args);
 
 struct FunctionDef {
     Name name;
@@ -190,6 +208,47 @@ struct FunctionDef {
 
 // Every bound function, in load order.
 const std::vector<FunctionDef>& function_defs();
+
+// The arguments of each operation, read by parameter name (args.repo_root())
+// from the parsed argument array, in parameter order with the defaults filled
+// in; borrowed from the caller for the call. Args holds only the array, so
+// the step from the function table to the implementation costs a jump.
+// Fields<op> numbers the parameters, Args<op> reads them; impl(call, args)
+// is the implementation (one file per family).
+template <Name N>
+struct Fields;
+template <Name N>
+struct Args;
+#define NAME(id)
+#define PARAM(name, annotation, dflt) name,
+#define KWONLY PARAM
+#define PARAM_AS(field, name, annotation, dflt) field,
+#define OPERATION(id, returns, doc, params) \
+    template <>                              \
+    struct Fields<id> {                      \
+        enum Index : int { params };         \
+    };
+#include "operations.inc"
+#undef PARAM
+#undef PARAM_AS
+#define PARAM(name, annotation, dflt) \
+    PyObject* name() const { return values[F::name]; }
+#define PARAM_AS(field, name, annotation, dflt) PARAM(field, annotation, dflt)
+#undef OPERATION
+#define OPERATION(id, returns, doc, params) \
+    template <>                              \
+    struct Args<id> {                        \
+        using F = Fields<id>;                \
+        PyObject* const* values;             \
+        params                               \
+    };                                       \
+    Ref impl(const Call& call, Args<id> args);
+#include "operations.inc"
+#undef NAME
+#undef PARAM
+#undef KWONLY
+#undef PARAM_AS
+#undef OPERATION
 
 // Evaluates a type expression such as "list[dict[str, Any]]" or "Path | None"
 // against the namespace and builtins.
@@ -301,22 +360,40 @@ inline Ref invoke(PyObject* callable, std::initializer_list<PyObject*> args, PyO
 // tuple(obj) of what host code returned: iterating it may run host code.
 inline Ref host_tuple(PyObject* obj) { return check(apply_python(PySequence_Tuple, obj)); }
 
+// The interpreter lock given up for the life of this object (when `release`
+// holds), and taken back through take_lock_back when it ends, also when an
+// exception leaves the scope. Nothing in the scope may touch a Python object,
+// except inside held().
+class LockReleased {
+public:
+    explicit LockReleased(bool release = true) : saved_(release ? give_lock_up() : nullptr) {}
+    ~LockReleased() {
+        if (saved_) take_lock_back(saved_);
+    }
+    LockReleased(const LockReleased&) = delete;
+    LockReleased& operator=(const LockReleased&) = delete;
+    // Runs `fn` with the lock taken back for a moment (a signal handler that
+    // interrupts a wait), then gives it up again.
+    template <class F>
+    auto held(F&& fn) {
+        take_lock_back(saved_);
+        struct Again {
+            PyThreadState*& saved;
+            ~Again() { saved = give_lock_up(); }
+        } again{saved_};
+        return fn();
+    }
+
+private:
+    PyThreadState* saved_;
+};
+
 // Runs `work` with the interpreter lock released when `release` holds. The
 // work must touch no Python object.
 template <class F>
 void without_gil(bool release, F&& work) {
-    if (!release) {
-        work();
-        return;
-    }
-    PyThreadState* saved = give_lock_up();
-    try {
-        work();
-    } catch (...) {
-        take_lock_back(saved);
-        throw;
-    }
-    take_lock_back(saved);
+    LockReleased unlocked(release);
+    work();
 }
 
 // Inputs smaller than this are scanned with the lock held: releasing it
@@ -370,33 +447,5 @@ Ref line_spans_of(const Call& call, Text& text);
 // Period starts (timespec.cpp): `parse_time_spec` as the namespace holds it,
 // read as a moment.
 Moment period_start(const Call& call, std::string_view since);
-
-// Implementations, by family (one file each).
-Ref impl_run_git_command(const Call&, PyObject* const*);
-Ref impl_git_output(const Call&, PyObject* const*);
-Ref impl_parse_file_changes(const Call&, PyObject* const*);
-Ref impl_parse_commit_changes(const Call&, PyObject* const*);
-Ref impl_parse_line_spans(const Call&, PyObject* const*);
-Ref impl_span(const Call&, PyObject* const*);
-Ref impl_file_changes(const Call&, PyObject* const*);
-Ref impl_line_count(const Call&, PyObject* const*);
-Ref impl_patch_path(const Call&, PyObject* const*);
-Ref impl_unquote(const Call&, PyObject* const*);
-Ref impl_parse_time_spec(const Call&, PyObject* const*);
-Ref impl_find_git_root(const Call&, PyObject* const*);
-Ref impl_find_repo_root(const Call&, PyObject* const*);
-Ref impl_resolve_display_branch(const Call&, PyObject* const*);
-Ref impl_normalize_branch_name(const Call&, PyObject* const*);
-Ref impl_get_head_commit(const Call&, PyObject* const*);
-Ref impl_get_default_branch(const Call&, PyObject* const*);
-Ref impl_branch_exists(const Call&, PyObject* const*);
-Ref impl_get_authors_for_period(const Call&, PyObject* const*);
-Ref impl_resolve_commit(const Call&, PyObject* const*);
-Ref impl_count_commits(const Call&, PyObject* const*);
-Ref impl_commit_before(const Call&, PyObject* const*);
-Ref impl_diff_file_changes(const Call&, PyObject* const*);
-Ref impl_log_commit_changes(const Call&, PyObject* const*);
-Ref impl_diff_line_spans(const Call&, PyObject* const*);
-Ref impl_path_batches(const Call&, PyObject* const*);
 
 }  // namespace git_utils::binding

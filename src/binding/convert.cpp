@@ -141,45 +141,16 @@ Ref int_from_decimal(const Decimal& d) {
     return int_from_digits(ascii_digits(d.text));
 }
 
-std::string os_bytes(std::string_view utf8, const char* what) {
-    if (std::memchr(utf8.data(), '\0', utf8.size())) raise(PyExc_ValueError, "embedded null byte in %s", what);
-#ifdef _WIN32
-    return std::string(utf8);
-#else
-    // os.fsencode: a name that Python decoded with "surrogateescape" keeps
-    // each undecodable byte as U+DC80..U+DCFF (ED B2 80..ED B3 BF in the
-    // core's UTF-8); those go back to their bytes. Other lone surrogates
-    // name no byte.
-    if (utf8.find('\xED') == std::string_view::npos) return std::string(utf8);
-    std::string out;
-    out.reserve(utf8.size());
-    for (std::size_t i = 0; i < utf8.size(); ++i) {
-        const auto b = static_cast<unsigned char>(utf8[i]);
-        if (b == 0xED && i + 2 < utf8.size() && static_cast<unsigned char>(utf8[i + 1]) >= 0xA0) {
-            const auto b1 = static_cast<unsigned char>(utf8[i + 1]), b2 = static_cast<unsigned char>(utf8[i + 2]);
-            const unsigned cp = 0xD000u | ((b1 & 0x3Fu) << 6) | (b2 & 0x3Fu);
-            if (cp < 0xDC80 || cp > 0xDCFF) {
-                // The encoder's own error, with the position and the reason.
-                Ref text = str_from_utf8(utf8);
-                check(PyUnicode_EncodeFSDefault(text.get()));
-                raise(PyExc_UnicodeError, "%s holds a lone surrogate", what);
-            }
-            out.push_back(static_cast<char>(cp - 0xDC00));
-            i += 2;
-            continue;
-        }
-        out.push_back(static_cast<char>(b));
-    }
-    return out;
-#endif
+std::string fs_bytes(PyObject* str, const char* what) {
+    Ref bytes = check(PyUnicode_EncodeFSDefault(str));
+    const std::string_view raw(PyBytes_AS_STRING(bytes.get()), static_cast<std::size_t>(PyBytes_GET_SIZE(bytes.get())));
+    if (raw.find('\0') != std::string_view::npos) raise(PyExc_ValueError, "embedded null byte in %s", what);
+    return std::string(raw);
 }
 
 std::string repo_root_text(PyObject* repo_root) {
     Ref text = PyUnicode_CheckExact(repo_root) ? Ref::borrow(repo_root) : check(PyObject_Str(repo_root));
-    Ref bytes = check(PyUnicode_EncodeFSDefault(text.get()));  // os.fsencode: surrogateescape
-    const std::string_view raw(PyBytes_AS_STRING(bytes.get()), static_cast<std::size_t>(PyBytes_GET_SIZE(bytes.get())));
-    if (raw.find('\0') != std::string_view::npos) raise(PyExc_ValueError, "embedded null byte in repo_root");
-    return std::string(raw);
+    return fs_bytes(text.get(), "repo_root");
 }
 
 Moment moment_argument(const Call& call, PyObject* value, const char* func, const char* param) {

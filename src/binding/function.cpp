@@ -63,7 +63,7 @@ void too_many_positional(FunctionObject* f, Py_ssize_t given) {
     const FunctionDef& def = *f->def;
     std::size_t npos = positional_count(def), required = 0;
     for (const auto& p : def.params)
-        if (!p.keyword_only && p.dflt == Default::Required) ++required;
+        if (!p.keyword_only && p.dflt.kind == Default::Required) ++required;
     std::string takes;
     if (required == npos)
         takes = std::to_string(npos) + " positional argument" + (npos == 1 ? "" : "s");
@@ -130,7 +130,7 @@ PyObject* parse_and_call(FunctionObject* f, PyObject* const* args, size_t nargsf
     std::vector<const char*> absent_pos, absent_kw;
     for (std::size_t i = 0; i < nparams; ++i) {
         if (values[i]) continue;
-        if (def.params[i].dflt != Default::Required) {
+        if (def.params[i].dflt.kind != Default::Required) {
             values[i] = PyTuple_GET_ITEM(f->defaults, static_cast<Py_ssize_t>(i));
         } else {
             (def.params[i].keyword_only ? absent_kw : absent_pos).push_back(def.params[i].name);
@@ -170,21 +170,19 @@ PyObject* function_vectorcall(PyObject* self, PyObject* const* args, size_t narg
 
 // --- introspection ----------------------------------------------------------
 
-PyObject* default_object(State* st, Default d) {
-    switch (d) {
-        case Default::None_:
+PyObject* default_object(State* st, const Default& d) {
+    switch (d.kind) {
+        case Default::None:
         case Default::Required:
             return Py_NewRef(Py_None);
-        case Default::True_:
+        case Default::True:
             return Py_NewRef(Py_True);
-        case Default::Int30:
-            return PyLong_FromLong(30);
-        case Default::Str30d:
-            return PyUnicode_InternFromString("30d");
+        case Default::Number:
+            return PyLong_FromLongLong(d.number);
+        case Default::Text:
+            return PyUnicode_InternFromString(std::string(d.text).c_str());
         case Default::EmptyTuple:
             return Py_NewRef(st->empty_tuple);
-        case Default::StrMR:
-            return PyUnicode_InternFromString("MR");
     }
     return nullptr;
 }
@@ -209,7 +207,7 @@ PyObject* get_signature(PyObject* self, void*) {
             // Owned: the host may have put any object in __annotations__.
             PyObject* found = nullptr;
             Ref ann(PyDict_Check(annotations.get()) && check(PyDict_GetItemRef(annotations.get(), name.get(), &found)) ? found : nullptr);
-            PyObject* dflt = p.dflt == Default::Required ? empty.get()
+            PyObject* dflt = p.dflt.kind == Default::Required ? empty.get()
                                                          : PyTuple_GET_ITEM(f->defaults, static_cast<Py_ssize_t>(i));
             Ref kwargs = check(Py_BuildValue("{s:O,s:O}", "default", dflt, "annotation", ann ? ann.get() : empty.get()));
             Ref param = invoke(parameter.get(), {name.get(), p.keyword_only ? kw_only.get() : pos_or_kw.get()}, kwargs.get());
@@ -416,7 +414,7 @@ Ref make_function(PyObject* module, const FunctionDef& def) {
     Ref kwdefaults = Ref::borrow(Py_None);
     for (std::size_t i = 0; i < def.params.size(); ++i) {
         const ParamDef& p = def.params[i];
-        if (p.dflt == Default::Required) continue;
+        if (p.dflt.kind == Default::Required) continue;
         PyObject* v = PyTuple_GET_ITEM(f->defaults, static_cast<Py_ssize_t>(i));
         if (p.keyword_only) {
             if (kwdefaults.get() == Py_None) kwdefaults = check(PyDict_New());

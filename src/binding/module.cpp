@@ -28,9 +28,11 @@ const char kModuleDoc[] =
 const char kGitErrorDoc[] = "A git command failed; the message carries what git said.";
 
 const char* const kNameText[] = {
-#define GIT_UTILS_NAME(id) #id,
-#include "names.inc"
-#undef GIT_UTILS_NAME
+#define NAME(id) #id,
+#define OPERATION(id, returns, doc, params) #id,
+#include "operations.inc"
+#undef NAME
+#undef OPERATION
 };
 
 // Binds `value` under `name` and remembers it as the module's own object.
@@ -86,7 +88,8 @@ void exec_steps(PyObject* module) {
     st->empty_tuple = check(PyTuple_New(0)).release();
     st->timed_out_triple = check(Py_BuildValue("(ssi)", "", "Command timed out", 1)).release();
     st->not_found_triple = check(Py_BuildValue("(ssi)", "", "git not found", 1)).release();
-    st->modified = check(PyUnicode_InternFromString("modified")).release();
+    st->modified = str_from_utf8(DEFAULT_STATUS).release();
+    PyUnicode_InternInPlace(&st->modified);
 
     // Imports, kept as module attributes.
     bind(module, logging, import_module("logging"));

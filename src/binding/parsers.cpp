@@ -578,20 +578,20 @@ Ref line_spans_of(const Call& call, Text& text) {
     return line_spans_of_view(call, text.view());
 }
 
-Ref impl_parse_file_changes(const Call& call, PyObject* const* a) {
-    require_str(a[0], "parse_file_changes", "output");
-    Ref output = Ref::borrow(a[0]);
+Ref impl(const Call& call, Args<parse_file_changes> args) {
+    require_str(args.output(), "parse_file_changes", "output");
+    Ref output = Ref::borrow(args.output());
     std::string scratch;
     return file_changes_of_view(call, utf8_view(output.get(), scratch), PyUnicode_IS_ASCII(output.get()));
 }
 
-Ref impl_file_changes(const Call& call, PyObject* const* a) {
-    if (PyUnicode_Check(a[0]) || PyBytes_Check(a[0]))
+Ref impl(const Call& call, Args<_file_changes> args) {
+    if (PyUnicode_Check(args.tokens()) || PyBytes_Check(args.tokens()))
         raise(PyExc_TypeError, "_file_changes() argument 'tokens' must be a sequence of str, not %.100s",
-              Py_TYPE(a[0])->tp_name);
+              Py_TYPE(args.tokens())->tp_name);
     // A tuple of its own keeps every token alive while views into them are
     // read (the host's steps run their code in between).
-    Ref seq = check(PySequence_Tuple(a[0]));
+    Ref seq = check(PySequence_Tuple(args.tokens()));
     const Py_ssize_t n = PyTuple_GET_SIZE(seq.get());
     std::vector<std::string_view> tokens;
     tokens.reserve(static_cast<std::size_t>(n));
@@ -613,42 +613,42 @@ Ref impl_file_changes(const Call& call, PyObject* const* a) {
     return file_changes_of_tokens(call, tokens, bytes, ascii);
 }
 
-Ref impl_line_count(const Call&, PyObject* const* a) {
-    require_str(a[0], "_line_count", "field");
+Ref impl(const Call&, Args<_line_count> args) {
+    require_str(args.field(), "_line_count", "field");
     std::string scratch;
-    return int_from_decimal(line_count(utf8_view(a[0], scratch)));
+    return int_from_decimal(line_count(utf8_view(args.field(), scratch)));
 }
 
-Ref impl_parse_commit_changes(const Call& call, PyObject* const* a) {
-    require_str(a[0], "parse_commit_changes", "output");
-    Ref output = Ref::borrow(a[0]);
+Ref impl(const Call& call, Args<parse_commit_changes> args) {
+    require_str(args.output(), "parse_commit_changes", "output");
+    Ref output = Ref::borrow(args.output());
     std::string scratch;
     return commit_changes_of_view(call, utf8_view(output.get(), scratch), PyUnicode_IS_ASCII(output.get()));
 }
 
-Ref impl_parse_line_spans(const Call& call, PyObject* const* a) {
-    require_str(a[0], "parse_line_spans", "patch");
-    Ref patch = Ref::borrow(a[0]);
+Ref impl(const Call& call, Args<parse_line_spans> args) {
+    require_str(args.patch(), "parse_line_spans", "patch");
+    Ref patch = Ref::borrow(args.patch());
     std::string scratch;
     return line_spans_of_view(call, utf8_view(patch.get(), scratch));
 }
 
-Ref impl_span(const Call& call, PyObject* const* a) {
-    return own_span(call, Ref::borrow(a[0]), Ref::borrow(a[1]), Ref::borrow(a[2]));
+Ref impl(const Call& call, Args<_span> args) {
+    return own_span(call, Ref::borrow(args.start()), Ref::borrow(args.new_count()), Ref::borrow(args.old_count()));
 }
 
-Ref impl_patch_path(const Call& call, PyObject* const* a) {
-    require_str(a[0], "_patch_path", "text");
-    Ref text = Ref::borrow(a[0]);
+Ref impl(const Call& call, Args<_patch_path> args) {
+    require_str(args.text(), "_patch_path", "text");
+    Ref text = Ref::borrow(args.text());
     std::string scratch;
     const std::string_view utf8 = utf8_view(text.get(), scratch);
     PathSteps steps{call, scratch.empty() ? text.get() : nullptr, utf8};
     return patch_path_with(steps, utf8);
 }
 
-Ref impl_unquote(const Call& call, PyObject* const* a) {
-    require_str(a[0], "_unquote", "text");
-    Ref text = Ref::borrow(a[0]);
+Ref impl(const Call& call, Args<_unquote> args) {
+    require_str(args.text(), "_unquote", "text");
+    Ref text = Ref::borrow(args.text());
     return own_unquote(call, text.get());
 }
 

@@ -121,57 +121,57 @@ std::optional<std::string> start_path(PyObject* start) {
 
 }  // namespace
 
-Ref impl_find_git_root(const Call& call, PyObject* const* a) {
+Ref impl(const Call& call, Args<find_git_root> args) {
     std::optional<std::string> start;
-    if (a[0] != Py_None) {
-        start = start_path(a[0]);
+    if (args.start() != Py_None) {
+        start = start_path(args.start());
         if (!start) return Ref::borrow(Py_None);
     }
     const std::optional<std::string> root = git_utils::find_git_root(std::move(start));
     return root ? path_object(call, *root) : Ref::borrow(Py_None);
 }
 
-Ref impl_find_repo_root(const Call& call, PyObject* const*) {
+Ref impl(const Call& call, Args<find_repo_root>) {
     auto find = [&]() -> Ref {
         Ref fn = call.get(find_git_root);
-        PyObject* none = Py_None;
-        Ref root = call.is_own(find_git_root, fn) ? impl_find_git_root(call, &none) : invoke(fn.get(), {});
+        PyObject* const none[] = {Py_None};
+        Ref root = call.is_own(find_git_root, fn) ? impl(call, Args<find_git_root>{none}) : invoke(fn.get(), {});
         return root.get() == Py_None ? Ref() : root;
     };
     return find_repo_root_with(find, [&] { return path_object(call, current_directory()); });
 }
 
-Ref impl_resolve_display_branch(const Call& call, PyObject* const* a) {
-    BindingGit git(call, a[0]);
+Ref impl(const Call& call, Args<resolve_display_branch> args) {
+    BindingGit git(call, args.repo_root());
     return text_or_none(git_utils::resolve_display_branch(git));
 }
 
-Ref impl_normalize_branch_name(const Call&, PyObject* const* a) {
-    if (a[0] == Py_None) return Ref::borrow(Py_None);
-    const std::string name = str_argument(a[0], "normalize_branch_name", "name");
+Ref impl(const Call&, Args<normalize_branch_name> args) {
+    if (args.name() == Py_None) return Ref::borrow(Py_None);
+    const std::string name = str_argument(args.name(), "normalize_branch_name", "name");
     return text_or_none(git_utils::normalize_branch_name(name));
 }
 
-Ref impl_get_head_commit(const Call& call, PyObject* const* a) {
-    const bool short_id = check(PyObject_IsTrue(a[1])) == 1;
-    BindingGit git(call, a[0]);
+Ref impl(const Call& call, Args<get_head_commit> args) {
+    const bool short_id = check(PyObject_IsTrue(args.short_id())) == 1;
+    BindingGit git(call, args.repo_root());
     return text_or_none(git_utils::get_head_commit(git, short_id));
 }
 
-Ref impl_get_default_branch(const Call& call, PyObject* const* a) {
-    BindingGit git(call, a[0]);
+Ref impl(const Call& call, Args<get_default_branch> args) {
+    BindingGit git(call, args.repo_root());
     return str_from_utf8(git_utils::get_default_branch(git));
 }
 
-Ref impl_branch_exists(const Call& call, PyObject* const* a) {
-    const std::string branch = str_argument(a[1], "branch_exists", "branch");
-    BindingGit git(call, a[0]);
+Ref impl(const Call& call, Args<branch_exists> args) {
+    const std::string branch = str_argument(args.branch(), "branch_exists", "branch");
+    BindingGit git(call, args.repo_root());
     return Ref::borrow(git_utils::branch_exists(git, branch) ? Py_True : Py_False);
 }
 
-Ref impl_get_authors_for_period(const Call& call, PyObject* const* a) {
-    const std::string since = str_argument(a[1], "get_authors_for_period", "since");
-    BindingGit git(call, a[0]);
+Ref impl(const Call& call, Args<get_authors_for_period> args) {
+    const std::string since = str_argument(args.since(), "get_authors_for_period", "since");
+    BindingGit git(call, args.repo_root());
     ListBuilder list;
     git_utils::authors_for_period(git, since, [&](std::string_view name, std::string_view email, const Integer& commits) {
         Ref name_object = str_from_utf8(name), email_object = str_from_utf8(email);
@@ -182,64 +182,64 @@ Ref impl_get_authors_for_period(const Call& call, PyObject* const* a) {
     return list.list();
 }
 
-Ref impl_resolve_commit(const Call& call, PyObject* const* a) {
-    const std::string name = str_argument(a[1], "resolve_commit", "name");
-    BindingGit git(call, a[0]);
+Ref impl(const Call& call, Args<resolve_commit> args) {
+    const std::string name = str_argument(args.name(), "resolve_commit", "name");
+    BindingGit git(call, args.repo_root());
     return text_or_none(git_utils::resolve_commit(git, name));
 }
 
-Ref impl_count_commits(const Call& call, PyObject* const* a) {
-    const std::string base = str_argument(a[1], "count_commits", "base");
-    const std::string head = str_argument(a[2], "count_commits", "head");
-    BindingGit git(call, a[0]);
+Ref impl(const Call& call, Args<count_commits> args) {
+    const std::string base = str_argument(args.base(), "count_commits", "base");
+    const std::string head = str_argument(args.head(), "count_commits", "head");
+    BindingGit git(call, args.repo_root());
     return integer_object(git_utils::count_commits(git, base, head));
 }
 
-Ref impl_commit_before(const Call& call, PyObject* const* a) {
-    const std::string ref = str_argument(a[1], "commit_before", "ref");
-    const Moment moment = moment_argument(call, a[2], "commit_before", "moment");
-    BindingGit git(call, a[0]);
+Ref impl(const Call& call, Args<commit_before> args) {
+    const std::string ref = str_argument(args.ref(), "commit_before", "ref");
+    const Moment moment = moment_argument(call, args.moment(), "commit_before", "moment");
+    BindingGit git(call, args.repo_root());
     return text_or_none(git_utils::commit_before(git, ref, moment));
 }
 
-Ref impl_diff_file_changes(const Call& call, PyObject* const* a) {
-    const std::string base = str_argument(a[1], "diff_file_changes", "base");
-    const std::string head = str_argument(a[2], "diff_file_changes", "head");
-    BindingGit git(call, a[0]);
+Ref impl(const Call& call, Args<diff_file_changes> args) {
+    const std::string base = str_argument(args.base(), "diff_file_changes", "base");
+    const std::string head = str_argument(args.head(), "diff_file_changes", "head");
+    BindingGit git(call, args.repo_root());
     return git_utils::diff_file_changes(git, base, head);
 }
 
-Ref impl_log_commit_changes(const Call& call, PyObject* const* a) {
-    const Moment since = moment_argument(call, a[1], "log_commit_changes", "since");
+Ref impl(const Call& call, Args<log_commit_changes> args) {
+    const Moment since = moment_argument(call, args.since(), "log_commit_changes", "since");
     std::optional<std::string> ref;
-    if (a[2] != Py_None) ref = str_argument(a[2], "log_commit_changes", "ref");
-    if (!PyLong_Check(a[3]))
+    if (args.ref() != Py_None) ref = str_argument(args.ref(), "log_commit_changes", "ref");
+    if (!PyLong_Check(args.max_commits()))
         raise(PyExc_TypeError, "log_commit_changes() argument 'max_commits' must be int, not %.100s",
-              Py_TYPE(a[3])->tp_name);
-    Ref count = check(PyNumber_Long(a[3]));  // True counts as 1, written as such
+              Py_TYPE(args.max_commits())->tp_name);
+    Ref count = check(PyNumber_Long(args.max_commits()));  // True counts as 1, written as such
     Ref digits = check(PyObject_Str(count.get()));
-    BindingGit git(call, a[0]);
+    BindingGit git(call, args.repo_root());
     return git_utils::log_commit_changes(git, since, ref, utf8_of(digits.get()));
 }
 
-Ref impl_diff_line_spans(const Call& call, PyObject* const* a) {
-    const std::string base = str_argument(a[1], "diff_line_spans", "base");
-    const std::string head = str_argument(a[2], "diff_line_spans", "head");
-    const bool merge_base = check(PyObject_IsTrue(a[3])) == 1;
-    if (PyUnicode_Check(a[4]) || PyBytes_Check(a[4]) || PyByteArray_Check(a[4]))
+Ref impl(const Call& call, Args<diff_line_spans> args) {
+    const std::string base = str_argument(args.base(), "diff_line_spans", "base");
+    const std::string head = str_argument(args.head(), "diff_line_spans", "head");
+    const bool merge_base = check(PyObject_IsTrue(args.merge_base())) == 1;
+    if (PyUnicode_Check(args.paths()) || PyBytes_Check(args.paths()) || PyByteArray_Check(args.paths()))
         raise(PyExc_TypeError, "diff_line_spans() argument 'paths' must be a sequence of str, not %.100s",
-              Py_TYPE(a[4])->tp_name);
-    const std::string filter = str_argument(a[5], "diff_line_spans", "diff_filter");
-    BindingGit git(call, a[0], a[4]);
+              Py_TYPE(args.paths())->tp_name);
+    const std::string filter = str_argument(args.diff_filter(), "diff_line_spans", "diff_filter");
+    BindingGit git(call, args.repo_root(), args.paths());
     return git_utils::diff_line_spans(git, base, head, merge_base, filter);
 }
 
-Ref impl_path_batches(const Call& call, PyObject* const* a) {
-    if (PyUnicode_Check(a[0]) || PyBytes_Check(a[0]))
+Ref impl(const Call& call, Args<_path_batches> args) {
+    if (PyUnicode_Check(args.paths()) || PyBytes_Check(args.paths()))
         raise(PyExc_TypeError, "_path_batches() argument 'paths' must be a sequence of str, not %.100s",
-              Py_TYPE(a[0])->tp_name);
+              Py_TYPE(args.paths())->tp_name);
     // A tuple of its own: len() of a path may run the host's code.
-    Ref paths = check(PySequence_Tuple(a[0]));
+    Ref paths = check(PySequence_Tuple(args.paths()));
     const std::int64_t budget = path_budget(call);
     const std::vector<std::size_t> sizes = path_batch_sizes(
         static_cast<std::size_t>(PyTuple_GET_SIZE(paths.get())),

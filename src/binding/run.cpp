@@ -122,7 +122,7 @@ Environment environment(PyObject* env) {
             if (PyBytes_Check(part.get()))
                 entry[k].assign(PyBytes_AS_STRING(part.get()), static_cast<std::size_t>(PyBytes_GET_SIZE(part.get())));
             else
-                entry[k] = os_bytes(utf8_of(part.get()), k == 0 ? "environment variable name" : "environment variable value");
+                entry[k] = fs_bytes(part.get(), k == 0 ? "environment variable name" : "environment variable value");
             if (entry[k].find('\0') != std::string::npos) raise(PyExc_ValueError, "embedded null byte");
         }
         if (entry[0].empty() || entry[0].find('=') != std::string::npos)
@@ -223,7 +223,7 @@ private:
         const std::string cwd = repo_root_text(request_.repo_root);
         std::vector<std::string> argv;
         argv.reserve(request_.args.size());
-        for (const std::string& a : request_.args) argv.push_back(os_bytes(a, "args"));
+        for (const std::string& a : request_.args) argv.push_back(fs_bytes(str_from_utf8(a).get(), "args"));
         RunOptions run;
         run.stdin_mode = request_.stdin_mode;
         run.start = options.start;
@@ -234,24 +234,16 @@ private:
         // the wait takes it back briefly so the host's handler can run (and
         // raise, which stops git). Once the interpreter is exiting the lock
         // is not asked for: the run stops, git is killed and reaped, and the
-        // thread parks in take_lock_back below.
-        PyThreadState* saved = nullptr;
-        run.on_interrupt = [&saved]() {
-            if (parks_at_exit()) return true;
-            take_lock_back(saved);
-            const bool stop = PyErr_CheckSignals() != 0;
-            saved = give_lock_up();
-            return stop;
-        };
+        // thread parks where the lock is taken back, at the end of the block.
         RunOutcome outcome;
-        saved = give_lock_up();
-        try {
+        {
+            LockReleased unlocked;
+            run.on_interrupt = [&unlocked]() {
+                if (parks_at_exit()) return true;
+                return unlocked.held([] { return PyErr_CheckSignals() != 0; });
+            };
             outcome = run_git_process(argv, cwd, run);
-        } catch (...) {
-            take_lock_back(saved);
-            throw;
         }
-        take_lock_back(saved);
         if (outcome.interrupted) throw PyErrSet{};  // the handler's exception
         return outcome;
     }
@@ -395,14 +387,14 @@ Ref triple_of(const Call& call, const RunOutcome& result) {
     return check(PyTuple_Pack(3, out.get(), err.get(), rc.get()));
 }
 
-Ref impl_run_git_command(const Call& call, PyObject* const* a) {
-    RunRequest request{a[0], str_list_argument(a[1], "run_git_command", "args", true), a[1], a[2]};
-    if (a[2] != Py_None) (void)seconds_of(a[2]);  // a bad limit fails before anything runs
+Ref impl(const Call& call, Args<run_git_command> args) {
+    RunRequest request{args.repo_root(), str_list_argument(args.args(), "run_git_command", "args", true), args.args(), args.timeout()};
+    if (args.timeout() != Py_None) (void)seconds_of(args.timeout());  // a bad limit fails before anything runs
     return triple_of(call, run_own(call, request));
 }
 
-Ref impl_git_output(const Call& call, PyObject* const* a) {
-    RunRequest request{a[0], str_list_argument(a[1], "_git_output", "args", true), a[1]};
+Ref impl(const Call& call, Args<_git_output> args) {
+    RunRequest request{args.repo_root(), str_list_argument(args.args(), "_git_output", "args", true), args.args()};
     return str_from_utf8(checked_own(call, request));
 }
 

@@ -109,9 +109,9 @@ Moment period_start(const Call& call, std::string_view since) {
     return moment_argument(call, moment.get(), "parse_time_spec", "result");
 }
 
-Ref impl_parse_time_spec(const Call& call, PyObject* const* a) {
-    require_str(a[0], "parse_time_spec", "since");
-    return own_time_spec(call, a[0]);
+Ref impl(const Call& call, Args<parse_time_spec> args) {
+    require_str(args.since(), "parse_time_spec", "since");
+    return own_time_spec(call, args.since());
 }
 
 }  // namespace git_utils::binding
