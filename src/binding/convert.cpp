@@ -136,9 +136,8 @@ Ref int_from_digits(std::string_view ascii) {
     return negative ? check(PyNumber_Negative(value.get())) : value;
 }
 
-Ref int_from_decimal(const Decimal& d) {
-    if (d.fits) return check(PyLong_FromLongLong(d.value));
-    return int_from_digits(ascii_digits(d.text));
+Ref int_object(const Integer& i) {
+    return i.fits() ? check(PyLong_FromLongLong(i.value)) : int_from_digits(*i.digits);
 }
 
 std::string os_bytes(std::string_view utf8, const char* what) {

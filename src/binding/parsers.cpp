@@ -74,7 +74,7 @@ private:
 };
 
 // Counts as the native reader gives them, or as the host's `_line_count`.
-Ref count_object(const Decimal& d) { return int_from_decimal(d); }
+Ref count_object(const Integer& i) { return int_object(i); }
 Ref count_object(const Ref& r) { return r ? r : check(PyLong_FromLong(0)); }
 
 // The change steps when the host replaced `_TWO_PATH_LETTERS` or
@@ -90,7 +90,7 @@ struct HostChangeSteps {
         return check(PySequence_Contains(letters.get(), key.get())) == 1;
     }
     Count line_count(std::string_view field) const {
-        if (!counter) return int_from_decimal(git_utils::line_count(field));
+        if (!counter) return int_object(git_utils::line_count(field));
         Ref arg = str_from_utf8(field);
         return invoke(counter.get(), {arg.get()});
     }
@@ -165,7 +165,7 @@ Ref file_changes_of_tokens(const Call& call, std::span<const std::string_view> t
     ChangeSteps steps(call);
     FileChangeBuilder builder(call, ascii, false);
     if (steps.native()) {
-        std::vector<FileEntry<Decimal>> entries;
+        std::vector<FileEntry<Integer>> entries;
         without_gil(bytes >= kReleaseThreshold, [&] { entries = file_entries(tokens); });
         return file_change_list(builder, entries);
     }
@@ -204,8 +204,8 @@ public:
         : host_(call.is_own(_file_changes, file_changes) ? Ref() : file_changes), steps_(call),
           parser_(steps_.host), builder_(call, ascii, true), maker_(call, COMMIT_CHANGES), ascii_(ascii) {}
 
-    void commit(const DecimalInteger& time, std::span<const std::string_view> body) {
-        Ref timestamp = int_from_decimal(time);
+    void commit(const Integer& time, std::span<const std::string_view> body) {
+        Ref timestamp = int_object(time);
         Ref files;
         if (host_) {
             ListBuilder tokens;
@@ -254,7 +254,7 @@ Ref commit_changes_of_view(const Call& call, std::string_view text, bool ascii) 
         GcPause pause(sealed);
         ListBuilder commits(sealed, false, log.commits.size());
         for (const CommitEntry& c : log.commits) {
-            Ref timestamp = int_from_decimal(c.time);
+            Ref timestamp = int_object(c.time);
             ListBuilder files(sealed, true, c.file_count);
             for (const auto& f : log.files_of(c)) files.add(builder.make(f));
             Ref tuple = files.tuple();
@@ -448,11 +448,11 @@ public:
 
     bool hunk_header(std::string_view line, HunkHeader<Ref>& h) {
         if (!header_) {
-            HunkHeader<Decimal> d;
+            HunkHeader<Integer> d;
             if (!match_hunk_header(line, d)) return false;
-            h.start = int_from_decimal(d.start);
-            if (d.old_count) h.old_count = int_from_decimal(*d.old_count);
-            if (d.new_count) h.new_count = int_from_decimal(*d.new_count);
+            h.start = int_object(d.start);
+            if (d.old_count) h.old_count = int_object(*d.old_count);
+            if (d.new_count) h.new_count = int_object(*d.new_count);
             return true;
         }
         Ref text = str_from_utf8(line);
@@ -496,8 +496,7 @@ private:
         if (PyUnicode_Check(g.get())) {
             std::string scratch;
             const std::string_view digits = utf8_view(g.get(), scratch);
-            const DecimalInteger d = read_decimal_integer(digits);
-            if (d.valid) return int_from_decimal(d);  // any number of digits
+            if (const std::optional<Integer> i = read_decimal_integer(digits)) return int_object(*i);  // any number of digits
         }
         return check(PyNumber_Long(g.get()));  // int()'s own reading, and its error
     }
@@ -616,7 +615,7 @@ Ref impl_file_changes(const Call& call, PyObject* const* a) {
 Ref impl_line_count(const Call&, PyObject* const* a) {
     require_str(a[0], "_line_count", "field");
     std::string scratch;
-    return int_from_decimal(line_count(utf8_view(a[0], scratch)));
+    return int_object(line_count(utf8_view(a[0], scratch)));
 }
 
 Ref impl_parse_commit_changes(const Call& call, PyObject* const* a) {

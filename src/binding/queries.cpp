@@ -96,9 +96,7 @@ private:
 
 Ref text_or_none(const std::optional<std::string>& text) { return text ? str_from_utf8(*text) : Ref::borrow(Py_None); }
 
-Ref integer_object(const Integer& i) {
-    return i.digits.empty() ? check(PyLong_FromLongLong(i.value)) : int_from_digits(i.digits);
-}
+
 
 // A `start` as the operating system names it: os.fspath, then its bytes; no
 // value for a name the system cannot represent (it is in no repository).
@@ -176,7 +174,7 @@ Ref impl_get_authors_for_period(const Call& call, PyObject* const* a) {
     ListBuilder list;
     for (const AuthorEntry& author : authors) {
         Ref name = str_from_utf8(author.name), email = str_from_utf8(author.email);
-        Ref commits = integer_object(author.commits);
+        Ref commits = int_object(author.commits);
         list.add(check(Py_BuildValue("{s:O,s:O,s:O}", "name", name.get(), "email", email.get(), "commits", commits.get())));
     }
     return list.list();
@@ -192,7 +190,7 @@ Ref impl_count_commits(const Call& call, PyObject* const* a) {
     const std::string base = str_argument(a[1], "count_commits", "base");
     const std::string head = str_argument(a[2], "count_commits", "head");
     BindingGit git(call, a[0]);
-    return integer_object(git_utils::count_commits(git, base, head));
+    return int_object(git_utils::count_commits(git, base, head));
 }
 
 Ref impl_commit_before(const Call& call, PyObject* const* a) {

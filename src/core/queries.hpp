@@ -74,13 +74,6 @@ std::string checked_output(Runner& runner, std::vector<std::string> args) {
     return std::move(result.out);
 }
 
-// An integer read from git's output, owned: its value, or its digits when
-// they do not fit 64 bits.
-struct Integer {
-    std::int64_t value = 0;
-    std::string digits;  // non-empty when the value does not fit
-};
-
 // A decimal integer (an optional sign, then decimal digits), or
 // std::invalid_argument worded as Python's int() words it.
 Integer read_integer(std::string_view text);

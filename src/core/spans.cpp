@@ -8,27 +8,16 @@ namespace {
 
 constexpr std::int64_t kInt64Max = std::numeric_limits<std::int64_t>::max();
 
-// Reads one or more digits at `pos` into `d`; false when there is none.
-bool read_number(std::string_view line, std::size_t& pos, Decimal& d) {
+// Reads one or more digits at `pos` into `n`; false when there is none.
+bool read_number(std::string_view line, std::size_t& pos, Integer& n) {
     const std::size_t begin = pos;
-    std::uint64_t value = 0;
-    bool fits = true;
-    while (pos < line.size()) {
-        const int digit = read_decimal_digit(line, pos);
-        if (digit < 0) break;
-        if (fits && value <= (static_cast<std::uint64_t>(kInt64Max) - static_cast<unsigned>(digit)) / 10)
-            value = value * 10 + static_cast<unsigned>(digit);
-        else
-            fits = false;
-    }
-    if (pos == begin) return false;
-    d.text = line.substr(begin, pos - begin);
-    d.fits = fits;
-    d.value = fits ? static_cast<std::int64_t>(value) : 0;
+    const DigitRun run = read_digits(line, pos);
+    if (run.count == 0) return false;
+    n = integer_of(line, begin, pos, run, false);
     return true;
 }
 
-inline std::int64_t saturated(const Decimal& d) { return d.fits ? d.value : kInt64Max; }
+inline std::int64_t saturated(const Integer& n) { return n.fits() ? n.value : kInt64Max; }
 
 // Names as the native `_patch_path` makes them, owned.
 struct NativePathSteps {
@@ -44,7 +33,7 @@ struct NativePathSteps {
 // first.
 class NativeSpanSteps {
 public:
-    using Number = Decimal;
+    using Number = Integer;
     using Path = std::size_t;  // index of the "+++ " line among those naming a newer side
 
     explicit NativeSpanSteps(NativeSpans& out) : out_(out) {}
@@ -63,14 +52,14 @@ public:
         return lines_.size() - 1;
     }
     static bool present(Path p) { return p != kNoValue; }
-    static bool hunk_header(std::string_view line, HunkHeader<Decimal>& h) {
+    static bool hunk_header(std::string_view line, HunkHeader<Integer>& h) {
         // Most lines outside hunks are file headers: skip them without a call.
         return !line.empty() && line[0] == '@' && match_hunk_header(line, h);
     }
-    static Decimal one() { return Decimal{{}, 1}; }
-    static std::int64_t counter(const Decimal& d) { return saturated(d); }
+    static Integer one() { return Integer(1); }
+    static std::int64_t counter(const Integer& d) { return saturated(d); }
 
-    void hunk(Path p, const Decimal& start, const Decimal& new_count, const Decimal& old_count) {
+    void hunk(Path p, const Integer& start, const Integer& new_count, const Integer& old_count) {
         std::size_t& path = lines_[p].path;
         if (path == kUnset) {
             auto [it, inserted] = by_name_.try_emplace(lines_[p].name, out_.names.size());
@@ -80,7 +69,7 @@ public:
             }
             path = it->second;
         }
-        if (!start.fits || !new_count.fits || !old_count.fits || start.value > (kInt64Max >> 1) ||
+        if (!start.fits() || !new_count.fits() || !old_count.fits() || start.value > (kInt64Max >> 1) ||
             new_count.value > (kInt64Max >> 1))
             out_.exact = false;
         const SpanOf<Saturating> s = span_of<Saturating>(saturated(start), saturated(new_count), saturated(old_count));
@@ -102,10 +91,10 @@ private:
 
 }  // namespace
 
-bool match_hunk_header(std::string_view line, HunkHeader<Decimal>& header) {
+bool match_hunk_header(std::string_view line, HunkHeader<Integer>& header) {
     if (line.size() < 4 || std::memcmp(line.data(), "@@ -", 4) != 0) return false;
     std::size_t pos = 4;
-    Decimal number;
+    Integer number;
     if (!read_number(line, pos, number)) return false;  // the older side's start, unused
     if (pos < line.size() && line[pos] == ',') {
         ++pos;

@@ -38,7 +38,7 @@ struct HunkHeader {
 inline constexpr const char* HUNK_HEADER_PATTERN = "@@ -\\d+(?:,(\\d+))? \\+(\\d+)(?:,(\\d+))? @@";
 
 // Matches HUNK_HEADER_PATTERN at the start of `line` (anything may follow).
-bool match_hunk_header(std::string_view line, HunkHeader<Decimal>& header);
+bool match_hunk_header(std::string_view line, HunkHeader<Integer>& header);
 
 // The patch, line by line. `Steps` provides:
 //   using Number;                                     // a number of a hunk header
@@ -57,12 +57,11 @@ void scan_patch(Steps& steps, std::string_view patch) {
     // Lines still expected in the current hunk on each side. They fall below
     // zero by at most one per line of the patch, so they cannot overflow.
     std::int64_t old_left = 0, new_left = 0;
-    const char* p = patch.data();
-    const char* const end = p + patch.size();
+    ByteFinder line_ends(patch, '\n');
+    std::size_t start = 0;
     for (;;) {
-        const void* lf = p == end ? nullptr : std::memchr(p, '\n', static_cast<std::size_t>(end - p));
-        const char* line_end = lf ? static_cast<const char*>(lf) : end;
-        const std::string_view line(p, static_cast<std::size_t>(line_end - p));
+        const std::size_t lf = line_ends.next();
+        const std::string_view line = patch.substr(start, lf - start);
 
         if (old_left > 0 || new_left > 0) {
             if (!line.empty()) {
@@ -91,8 +90,8 @@ void scan_patch(Steps& steps, std::string_view patch) {
             }
         }
 
-        if (!lf) break;
-        p = line_end + 1;
+        if (lf == patch.size()) break;
+        start = lf + 1;
     }
 }
 
