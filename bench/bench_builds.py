@@ -6,7 +6,8 @@ separated by os.pathsep; labels from GIT_UTILS_BASELINE_LABEL, separated by
 commas). Each round calls every build once on the same input, in an order
 that rotates from round to round, so that load from other work falls on all
 of them alike; the table gives each build's median and the median of its
-per-round ratio to this build.
+per-round ratio to this build, and the same for the C floor of
+bench_parsers.py (allocating the records from C, values made beforehand).
 
     GIT_UTILS_BASELINE=/tmp/old/git_utils.so python3.12 bench/bench_builds.py --rounds 60
 
@@ -25,7 +26,7 @@ import time
 from pathlib import Path
 
 import common
-from bench_parsers import LOG_ARGS, PATCH_ARGS, RAW_ARGS, as_tuples, capture
+from bench_parsers import LOG_ARGS, PATCH_ARGS, RAW_ARGS, as_tuples, c_floor, capture
 
 INPUTS = {"log": (LOG_ARGS, "parse_commit_changes"), "raw": (RAW_ARGS, "parse_file_changes"),
           "patch": (PATCH_ARGS, "parse_line_spans")}
@@ -71,17 +72,20 @@ def main() -> int:
         for (label, _), fn in zip(builds[1:], fns[1:]):
             if as_tuples(fn(text)) != first:
                 raise SystemExit(f"{kind}: {label} gives another result")
+        # The C floor: allocating as many records, with their values made beforehand.
+        labels = [label for label, _ in builds] + ["C floor (bench/alloc_floor.c)"]
+        fns.append(c_floor(builds[0][1], kind, fns[0](text)))
         del first
-        times = [[] for _ in builds]
+        times = [[] for _ in labels]
         for r in range(opts.rounds):
-            for k in range(len(builds)):
-                i = (k + r) % len(builds)
+            for k in range(len(labels)):
+                i = (k + r) % len(labels)
                 t0 = time.perf_counter()
-                result = fns[i](text)
+                result = fns[i](text) if i < len(builds) else fns[i]()
                 times[i].append(time.perf_counter() - t0)
                 del result  # freed outside the timed call
             gc.collect()
-        for i, (label, _) in enumerate(builds):
+        for i, label in enumerate(labels):
             ratio = statistics.median(t / t0 for t, t0 in zip(times[i], times[0]))
             print(f"| {kind} | {label} | {statistics.median(times[i]) * 1e3:.2f} | {ratio:.3f}x |")
     print(f"\n{opts.rounds} rounds; load average {load:.2f} at the start, {os.getloadavg()[0]:.2f} at the end")

@@ -136,9 +136,7 @@ Ref int_from_digits(std::string_view ascii) {
     return negative ? check(PyNumber_Negative(value.get())) : value;
 }
 
-Ref int_object(const Integer& i) {
-    return i.fits() ? check(PyLong_FromLongLong(i.value)) : int_from_digits(*i.digits);
-}
+Ref int_object_unfit(const Integer& i) { return int_from_digits(*i.digits); }
 
 std::string os_bytes(std::string_view utf8, const char* what) {
     if (std::memchr(utf8.data(), '\0', utf8.size())) raise(PyExc_ValueError, "embedded null byte in %s", what);

@@ -516,6 +516,8 @@ bool native_span_steps(const Call& call) {
     return call.is_own(_C_ESCAPES, table) && native_letters(table);
 }
 
+constexpr std::size_t kSharedLines = 1 << 14;
+
 Ref line_spans_of_view(const Call& call, std::string_view text) {
     if (native_span_steps(call)) {
         NativeSpans spans;
@@ -526,9 +528,18 @@ Ref line_spans_of_view(const Call& call, std::string_view text) {
             std::vector<ListBuilder> lists;
             lists.reserve(spans.names.size());
             for (std::size_t count : spans.counts) lists.emplace_back(maker.sealed(), false, count);
+            // The files of a patch repeat each other's line numbers: one int
+            // per small value, made when first needed (ints are immutable).
+            std::vector<Ref> small(std::min<std::size_t>(kSharedLines, 2 * spans.spans.size()));
+            auto line_number = [&](std::int64_t n) {
+                if (n < 0 || static_cast<std::size_t>(n) >= small.size()) return check(PyLong_FromLongLong(n));
+                Ref& shared = small[static_cast<std::size_t>(n)];
+                if (!shared) shared = check(PyLong_FromLongLong(n));
+                return shared;
+            };
             for (const auto& [path, s] : spans.spans) {
-                Ref start = check(PyLong_FromLongLong(s.start));
-                Ref end = s.end == s.start ? start : check(PyLong_FromLongLong(s.end));
+                Ref start = line_number(s.start);
+                Ref end = s.end == s.start ? start : line_number(s.end);
                 lists[path].add(line_span_record(maker, start.get(), end.get(), s.added));
             }
             Ref result = check(PyDict_New());
@@ -550,31 +561,31 @@ Ref line_spans_of_view(const Call& call, std::string_view text) {
 
 // --- entry points ----------------------------------------------------------------
 
+namespace {
+// A parser as the namespace holds it: the host's function is given the text
+// as a str; the module's own reads the text's UTF-8 in place.
+template <class Own>
+Ref parser_through_namespace(const Call& call, Name name, Text& text, Own&& own) {
+    Ref fn = call.get(name);
+    if (call.is_own(name, fn)) return own(text.view());
+    Ref str = text.object();
+    return invoke(fn.get(), {str.get()});
+}
+}  // namespace
+
 Ref file_changes_of(const Call& call, Text& text) {
-    Ref fn = call.get(parse_file_changes);
-    if (!call.is_own(parse_file_changes, fn)) {
-        Ref str = text.object();
-        return invoke(fn.get(), {str.get()});
-    }
-    return file_changes_of_view(call, text.view(), text.ascii());
+    return parser_through_namespace(call, parse_file_changes, text,
+                                    [&](std::string_view v) { return file_changes_of_view(call, v, text.ascii()); });
 }
 
 Ref commit_changes_of(const Call& call, Text& text) {
-    Ref fn = call.get(parse_commit_changes);
-    if (!call.is_own(parse_commit_changes, fn)) {
-        Ref str = text.object();
-        return invoke(fn.get(), {str.get()});
-    }
-    return commit_changes_of_view(call, text.view(), text.ascii());
+    return parser_through_namespace(call, parse_commit_changes, text,
+                                    [&](std::string_view v) { return commit_changes_of_view(call, v, text.ascii()); });
 }
 
 Ref line_spans_of(const Call& call, Text& text) {
-    Ref fn = call.get(parse_line_spans);
-    if (!call.is_own(parse_line_spans, fn)) {
-        Ref str = text.object();
-        return invoke(fn.get(), {str.get()});
-    }
-    return line_spans_of_view(call, text.view());
+    return parser_through_namespace(call, parse_line_spans, text,
+                                    [&](std::string_view v) { return line_spans_of_view(call, v); });
 }
 
 Ref impl_parse_file_changes(const Call& call, PyObject* const* a) {

@@ -128,8 +128,11 @@ public:
                 const std::string_view tail = space == std::string_view::npos ? token : token.substr(space + 1);
                 std::string_view letter;
                 if (!tail.empty()) {
-                    std::size_t end = 0;
-                    next_char(tail, end);
+                    std::size_t end = 1;  // an ASCII letter, as git writes it
+                    if (static_cast<unsigned char>(tail[0]) >= 0x80) {
+                        end = 0;
+                        next_char(tail, end);
+                    }
                     letter = tail.substr(0, end);
                 }
                 std::optional<std::string_view> old_path;
@@ -141,9 +144,9 @@ public:
 
             // Numstat record: added TAB deleted TAB path; a token with fewer
             // than two TABs is skipped on its own.
-            const std::size_t tab1 = token.find('\t');
+            const std::size_t tab1 = find_near(token, '\t', 0);
             if (tab1 == std::string_view::npos) continue;
-            const std::size_t tab2 = token.find('\t', tab1 + 1);
+            const std::size_t tab2 = find_near(token, '\t', tab1 + 1);
             if (tab2 == std::string_view::npos) continue;
             std::string_view path = token.substr(tab2 + 1);
             if (path.empty()) {
@@ -161,6 +164,14 @@ public:
 
 private:
     static constexpr std::size_t kNone = static_cast<std::size_t>(-1);
+
+    // `text.find(c, from)` for what is usually a few bytes away (the counts
+    // of a numstat record), without a call to memchr.
+    static std::size_t find_near(std::string_view text, char c, std::size_t from) {
+        for (std::size_t i = from; i < text.size(); ++i)
+            if (text[i] == c) return i;
+        return std::string_view::npos;
+    }
 
     // Where a path's records went in the current diff.
     struct Place {
@@ -267,7 +278,9 @@ void scan_commit_log(std::string_view output, std::string_view commit_start, Sin
         std::size_t lf = 0;
         while (lf < token.size() && token[lf] == '\n') ++lf;
         const std::string_view rest = token.substr(lf);
-        if (rest.substr(0, commit_start.size()) == commit_start) {
+        // The first byte decides nearly always, without a call to memcmp.
+        if (commit_start.empty() ||
+            (!rest.empty() && rest[0] == commit_start[0] && rest.substr(0, commit_start.size()) == commit_start)) {
             if (open) sink.commit(*open, std::span<const std::string_view>(body));
             body.clear();
             std::size_t first = 0;

@@ -17,7 +17,12 @@ bool read_number(std::string_view line, std::size_t& pos, Integer& n) {
     return true;
 }
 
-inline std::int64_t saturated(const Integer& n) { return n.fits() ? n.value : kInt64Max; }
+// The same, saturated: a number beyond 64 bits reads as the largest.
+bool read_saturated(std::string_view line, std::size_t& pos, std::int64_t& n) {
+    const DigitRun run = read_digits(line, pos);
+    n = run.fits ? static_cast<std::int64_t>(run.magnitude) : kInt64Max;
+    return run.count != 0;
+}
 
 // Names as the native `_patch_path` makes them, owned.
 struct NativePathSteps {
@@ -33,7 +38,9 @@ struct NativePathSteps {
 // first.
 class NativeSpanSteps {
 public:
-    using Number = Integer;
+    // Saturated: what a span needs, and too large only where git never goes
+    // (`exact` then sends the patch to Python's integers).
+    using Number = std::int64_t;
     using Path = std::size_t;  // index of the "+++ " line among those naming a newer side
 
     explicit NativeSpanSteps(NativeSpans& out) : out_(out) {}
@@ -52,14 +59,14 @@ public:
         return lines_.size() - 1;
     }
     static bool present(Path p) { return p != kNoValue; }
-    static bool hunk_header(std::string_view line, HunkHeader<Integer>& h) {
+    static bool hunk_header(std::string_view line, HunkHeader<std::int64_t>& h) {
         // Most lines outside hunks are file headers: skip them without a call.
-        return !line.empty() && line[0] == '@' && match_hunk_header(line, h);
+        return !line.empty() && line[0] == '@' && match_hunk_header_with(line, h, read_saturated);
     }
-    static Integer one() { return Integer(1); }
-    static std::int64_t counter(const Integer& d) { return saturated(d); }
+    static std::int64_t one() { return 1; }
+    static std::int64_t counter(std::int64_t n) { return n; }
 
-    void hunk(Path p, const Integer& start, const Integer& new_count, const Integer& old_count) {
+    void hunk(Path p, std::int64_t start, std::int64_t new_count, std::int64_t old_count) {
         std::size_t& path = lines_[p].path;
         if (path == kUnset) {
             auto [it, inserted] = by_name_.try_emplace(lines_[p].name, out_.names.size());
@@ -69,10 +76,11 @@ public:
             }
             path = it->second;
         }
-        if (!start.fits() || !new_count.fits() || !old_count.fits() || start.value > (kInt64Max >> 1) ||
-            new_count.value > (kInt64Max >> 1))
-            out_.exact = false;
-        const SpanOf<Saturating> s = span_of<Saturating>(saturated(start), saturated(new_count), saturated(old_count));
+        // Past half the range a span's end may overflow (and past the whole
+        // range the number was saturated); an older side's count only
+        // decides whether lines were removed, which saturation keeps.
+        if (start > (kInt64Max >> 1) || new_count > (kInt64Max >> 1)) out_.exact = false;
+        const SpanOf<Saturating> s = span_of<Saturating>(start, new_count, old_count);
         ++out_.counts[path];
         out_.spans.emplace_back(path, LineSpan{s.start.v, s.end.v, s.added});
     }
@@ -92,24 +100,7 @@ private:
 }  // namespace
 
 bool match_hunk_header(std::string_view line, HunkHeader<Integer>& header) {
-    if (line.size() < 4 || std::memcmp(line.data(), "@@ -", 4) != 0) return false;
-    std::size_t pos = 4;
-    Integer number;
-    if (!read_number(line, pos, number)) return false;  // the older side's start, unused
-    if (pos < line.size() && line[pos] == ',') {
-        ++pos;
-        if (!read_number(line, pos, number)) return false;
-        header.old_count = number;
-    }
-    if (line.size() - pos < 2 || line[pos] != ' ' || line[pos + 1] != '+') return false;
-    pos += 2;
-    if (!read_number(line, pos, header.start)) return false;
-    if (pos < line.size() && line[pos] == ',') {
-        ++pos;
-        if (!read_number(line, pos, number)) return false;
-        header.new_count = number;
-    }
-    return line.size() - pos >= 3 && std::memcmp(line.data() + pos, " @@", 3) == 0;
+    return match_hunk_header_with(line, header, read_number);
 }
 
 char octal_escape_byte(std::string_view code) {

@@ -292,18 +292,10 @@ std::uint64_t byte_mask_words(const char* p, char byte) {
     return mask;
 }
 
-std::uint64_t ByteFinder::block_mask() const {
-    const char* p = text_.data() + block_;
-    const std::size_t left = text_.size() - block_;
-    char tail[64];
-    if (left < 64) {
-        // The last block, padded with a byte that is not the one sought.
-        std::memset(tail, ~byte_, sizeof tail);
-        std::memcpy(tail, p, left);
-        p = tail;
-    }
+namespace {
+inline std::uint64_t mask64(const char* p, char byte) {
 #if defined(__SSE2__)
-    const __m128i b = _mm_set1_epi8(byte_);
+    const __m128i b = _mm_set1_epi8(byte);
     std::uint64_t mask = 0;
     for (int k = 0; k < 4; ++k) {
         const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16 * k));
@@ -312,26 +304,28 @@ std::uint64_t ByteFinder::block_mask() const {
     }
     return mask;
 #else
-    return byte_mask_words(p, byte_);
+    return byte_mask_words(p, byte);
 #endif
+}
+
+// The last block, shorter than 64 bytes: padded with a byte that is not the
+// one sought.
+[[gnu::noinline]] std::uint64_t tail_mask(const char* p, std::size_t size, char byte) {
+    char tail[64];
+    std::memset(tail, ~byte, sizeof tail);
+    std::memcpy(tail, p, size);
+    return mask64(tail, byte);
+}
+}  // namespace
+
+std::uint64_t ByteFinder::block_mask() const {
+    const std::size_t left = text_.size() - block_;
+    if (left < 64) return tail_mask(text_.data() + block_, left, byte_);
+    return mask64(text_.data() + block_, byte_);
 }
 
 namespace {
 constexpr std::uint64_t kInt64Max = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
-
-// What git writes: 1 to 18 ASCII digits, which always fit, read inline.
-// False (and `value` unspecified) for anything else.
-inline bool read_short_ascii(std::string_view text, std::int64_t& value) {
-    if (text.empty() || text.size() > 18) return false;
-    std::int64_t v = 0;
-    for (const char ch : text) {
-        const unsigned c = static_cast<unsigned char>(ch) - '0';
-        if (c > 9) return false;
-        v = v * 10 + c;
-    }
-    value = v;
-    return true;
-}
 
 // The digits of `text` from `begin` to its end, all of them; none when
 // there are none or something else follows.
@@ -346,14 +340,12 @@ std::optional<Integer> whole_number(std::string_view text, std::size_t begin, bo
 
 std::optional<Integer> read_decimal_integer(std::string_view text) {
     std::int64_t value;
-    if (read_short_ascii(text, value)) return Integer(value);
+    if (detail::read_short_ascii(text, value)) return Integer(value);
     const bool sign = !text.empty() && (text[0] == '+' || text[0] == '-');
     return whole_number(text, sign ? 1 : 0, sign && text[0] == '-');
 }
 
-Integer line_count(std::string_view field) {
-    std::int64_t value;
-    if (read_short_ascii(field, value)) return Integer(value);
+Integer detail::line_count_slow(std::string_view field) {
     std::optional<Integer> count = whole_number(field, 0, false);
     return count ? std::move(*count) : Integer();
 }

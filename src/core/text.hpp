@@ -79,11 +79,13 @@ struct DigitRun {
     std::size_t count = 0;  // digits read
     void add(unsigned digit, std::uint64_t limit) {
         ++count;
-        if (!fits) return;
-        if (magnitude > (limit - digit) / 10)
+        std::uint64_t next;
+        // Overflow checks without a division (the limit is not always a constant).
+        if (!fits || __builtin_mul_overflow(magnitude, 10u, &next) || __builtin_add_overflow(next, digit, &next) ||
+            next > limit)
             fits = false;
         else
-            magnitude = magnitude * 10 + digit;
+            magnitude = next;
     }
 };
 namespace detail {
@@ -149,8 +151,28 @@ std::uint64_t byte_mask_words(const char* p, char byte);
 // digits, nothing else (no white space, no underscores); none otherwise.
 std::optional<Integer> read_decimal_integer(std::string_view text);
 
+namespace detail {
+// What git writes: 1 to 18 ASCII digits, which always fit, read inline.
+// False (and `value` unspecified) for anything else.
+inline bool read_short_ascii(std::string_view text, std::int64_t& value) {
+    if (text.empty() || text.size() > 18) return false;
+    std::int64_t v = 0;
+    for (const char ch : text) {
+        const unsigned c = static_cast<unsigned char>(ch) - unsigned{'0'};
+        if (c > 9) return false;
+        v = v * 10 + c;
+    }
+    value = v;
+    return true;
+}
+Integer line_count_slow(std::string_view field);
+}  // namespace detail
+
 // A numstat count field: its value when it is non-empty and all decimal
 // digits; 0 otherwise, as for the "-" of a binary file.
-Integer line_count(std::string_view field);
+inline Integer line_count(std::string_view field) {
+    std::int64_t value;
+    return detail::read_short_ascii(field, value) ? Integer(value) : detail::line_count_slow(field);
+}
 
 }  // namespace git_utils
