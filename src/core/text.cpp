@@ -271,8 +271,9 @@ DigitRun read_unicode_digits(std::string_view text, std::size_t& pos, std::uint6
 Integer unfit_integer(std::string_view text, std::size_t begin, std::size_t end, bool negative) {
     // Rare (git writes no such number): the digits, each as its ASCII digit.
     Integer i;
-    std::string& digits = i.digits.emplace(negative ? "-" : "");
+    std::string digits = negative ? "-" : "";
     for (std::size_t pos = begin; pos < end;) digits.push_back(static_cast<char>('0' + read_decimal_digit(text, pos)));
+    i.digits = std::make_shared<const std::string>(std::move(digits));
     return i;
 }
 

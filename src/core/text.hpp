@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -59,14 +60,17 @@ std::string python_repr(std::string_view text);
 struct Integer {
     std::int64_t value = 0;
     // ASCII, "-" first when negative; only when `value` cannot hold the
-    // number (optional rather than empty: a parser moves millions of these).
-    std::optional<std::string> digits;
+    // number. Held apart, so that an Integer is small and cheap to move: a
+    // parser keeps millions of them, nearly all fitting.
+    std::shared_ptr<const std::string> digits;
 
     Integer() = default;
     Integer(std::int64_t v) : value(v) {}  // NOLINT: converts like an integer
     bool fits() const { return !digits; }
     std::string text() const { return digits ? *digits : std::to_string(value); }
-    bool operator==(const Integer&) const = default;
+    friend bool operator==(const Integer& a, const Integer& b) {
+        return a.fits() ? b.fits() && a.value == b.value : !b.fits() && *a.digits == *b.digits;
+    }
 };
 
 // The one reader of decimal digits: Unicode decimal digits from `pos` on, as

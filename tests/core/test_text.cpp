@@ -60,7 +60,7 @@ TEST(Digits, LimitsAndForms) {
     };
     auto big = [](const char* digits) {
         Integer i;
-        i.digits = digits;
+        i.digits = std::make_shared<const std::string>(digits);
         return i;
     };
     const Case cases[] = {
