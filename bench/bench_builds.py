@@ -84,7 +84,7 @@ def main() -> int:
                 result = fns[i](text) if i < len(builds) else fns[i]()
                 times[i].append(time.perf_counter() - t0)
                 del result  # freed outside the timed call
-            gc.collect()
+                gc.collect()  # and no collection owed by one call falls into the next
         for i, label in enumerate(labels):
             ratio = statistics.median(t / t0 for t, t0 in zip(times[i], times[0]))
             print(f"| {kind} | {label} | {statistics.median(times[i]) * 1e3:.2f} | {ratio:.3f}x |")
