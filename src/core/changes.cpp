@@ -161,11 +161,11 @@ std::vector<FileEntry<Integer>> file_entries(std::span<const std::string_view> t
 
 CommitLog commit_log(std::string_view output, std::string_view commit_start) {
     CommitLog log;
-    // Room for every file at once: git's records of one file take at least
-    // 40 bytes (abbreviated raw header, path, numstat), and the pages of
-    // room that stays unused are never touched. Growing instead would copy
-    // the entries and touch fresh pages at each step.
-    log.files.reserve(output.size() / 40 + 1);
+    // Room for the files at once: growing would copy the entries and touch
+    // fresh pages at each step. A file's records take about 100 bytes (raw
+    // header, path, numstat), so this is rarely too little (the vector then
+    // grows as usual) and never much more than the log itself.
+    log.files.reserve(output.size() / 96 + 1);
     NativeLogSink sink(log);
     scan_commit_log(output, commit_start, sink);
     log.distinct_paths = sink.distinct_paths();
