@@ -1,16 +1,13 @@
 // git_utils: the git layer of the host application, as a plain C++20 library.
-//
 // It answers questions about a git repository by running the `git` program
 // (query commands only) and parsing what git prints. Nothing here knows about
 // Python; the extension module in src/binding instantiates the same
 // algorithms (src/core/*.hpp) with steps that call what its host bound.
-//
 // All text is UTF-8. Text that came from git has been decoded: ill-formed
 // sequences replaced by U+FFFD, and every CR LF and lone CR turned into LF.
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -21,23 +18,17 @@
 
 namespace git_utils {
 
-// ---------------------------------------------------------------------------
-// Records
-// ---------------------------------------------------------------------------
-
-// One file of a diff: its path on the newer side, what happened to it, its
-// line counts.
+// ---- Records ---------------------------------------------------------------
+// One file of a diff: its newer-side path, what happened to it, its line counts.
 struct FileChange {
     std::string path;
     std::string status;  // "added", "modified", "deleted", "renamed" or "copied"
-    std::uint64_t additions = 0;
-    std::uint64_t deletions = 0;
+    std::uint64_t additions = 0, deletions = 0;
     std::optional<std::string> old_path;  // renamed and copied files only
     bool operator==(const FileChange&) const = default;
 };
 
-// The files one commit changed, and when it was committed (seconds since the
-// epoch).
+// The files one commit changed, and its commit time (seconds since the epoch).
 struct CommitChanges {
     std::int64_t timestamp = 0;
     std::vector<FileChange> files;
@@ -47,8 +38,7 @@ struct CommitChanges {
 // Lines start..end (from 1, inclusive) of a file's newer side that a diff
 // touched; `added` when they are new lines replacing nothing.
 struct LineSpan {
-    std::int64_t start = 0;
-    std::int64_t end = 0;
+    std::int64_t start = 0, end = 0;
     bool added = false;
     bool operator==(const LineSpan&) const = default;
 };
@@ -58,26 +48,21 @@ using LineSpansByPath = std::vector<std::pair<std::string, std::vector<LineSpan>
 
 // One author of a period, as `git shortlog -sne` lists them.
 struct Author {
-    std::string name;
-    std::string email;
+    std::string name, email;
     std::int64_t commits = 0;
     bool operator==(const Author&) const = default;
 };
 
-// ---------------------------------------------------------------------------
-// Errors
-// ---------------------------------------------------------------------------
-
+// ---- Errors ----------------------------------------------------------------
 // A git command failed; the message carries what git said.
 class GitError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
 
-// A failure of the operating system that the library lets through (a start
-// failure other than a missing git, a lookup that fails with anything but
-// "absent"): the error number and the file it concerns, and on Windows the
-// system's own error code (GetLastError) that the error number stands for.
+// A failure of the system let through (a start failure other than a missing
+// git, a lookup failing with anything but "absent"): the error number, the file
+// it concerns and, on Windows, the GetLastError code the number stands for.
 class OsError : public std::system_error {
 public:
     OsError(int err, std::string filename, unsigned long winerror = 0)
@@ -101,43 +86,24 @@ private:
     bool out_of_calendar_;
 };
 
-// A process-start option that the runner sets itself was given again.
-class OptionClash : public std::logic_error {
-public:
-    explicit OptionClash(std::string option)
-        : std::logic_error("got multiple values for keyword argument '" + option + "'"), option_(std::move(option)) {}
-    const std::string& option() const { return option_; }
-
-private:
-    std::string option_;
-};
-
 // Other malformed input (a commit time that is no integer, an octal escape
 // above \377) is reported as std::invalid_argument.
-
-// ---------------------------------------------------------------------------
-// Git command runner
-// ---------------------------------------------------------------------------
-
+// ---- Git command runner ----------------------------------------------------
 inline constexpr std::string_view TIMED_OUT_MESSAGE = "Command timed out";
 inline constexpr std::string_view NOT_FOUND_MESSAGE = "git not found";
 inline constexpr double DEFAULT_TIMEOUT = 30.0;
 
 enum class RunStatus {
-    Exited,       // git ran; returncode is its exit code (POSIX: negative for a signal)
-    TimedOut,     // the deadline passed; git and everything it started were killed
-    NotFound,     // no git on PATH, or (POSIX) the start failed with ENOENT: no directory
-    Interrupted,  // the interrupt hook asked to stop; killed as at the deadline
+    Exited,    // git ran; returncode is its exit code (POSIX: negative for a signal)
+    TimedOut,  // the deadline passed; git and everything it started were killed
+    NotFound,  // no git on PATH, or (POSIX) the start failed with ENOENT: no directory
 };
 
-// (stdout, stderr, returncode) of one git run.
+// (stdout, stderr, returncode) of one git run, both streams decoded. A run
+// that timed out or found no git gives the fixed triples ("", the message, 1).
 struct GitResult {
-    std::string out;
-    std::string err;
+    std::string out, err;
     std::int64_t returncode = 0;
-    // The exit code in decimal when it does not fit `returncode` (a host's
-    // runner may return any integer); empty otherwise.
-    std::string returncode_digits;
     RunStatus status = RunStatus::Exited;
     bool operator==(const GitResult&) const = default;
 };
@@ -145,100 +111,12 @@ struct GitResult {
 enum class StdinMode {
     Inherit,   // the caller's standard input
     Null,      // /dev/null
-    Terminal,  // a terminal that never sends anything: `git shortlog` without a
-               // revision summarises HEAD only when stdin is a terminal (POSIX: a
-               // fresh pseudo-terminal; Windows: see SilentTerminal)
+    Terminal,  // a terminal that never sends anything (a bare `git shortlog` summarises HEAD only then)
 };
 
-// The environment git gets: "NAME=value" entries, held in one buffer (a copy
-// of a process environment is two allocations, not one per entry).
-class Environment {
-public:
-    Environment() = default;
-    // Implicit, so that a list of entries can stand wherever an Environment
-    // is taken.
-    Environment(const std::vector<std::string>& entries) {  // NOLINT(google-explicit-constructor)
-        for (const auto& entry : entries) add(entry);
-    }
-    void reserve(std::size_t entries, std::size_t bytes) {
-        starts_.reserve(entries);
-        text_.reserve(bytes);
-    }
-    void add(std::string_view entry) {
-        starts_.push_back(text_.size());
-        text_.append(entry);
-        text_.push_back('\0');
-    }
-    std::size_t size() const { return starts_.size(); }
-    // Entry `i`, and the same NUL-terminated.
-    std::string_view operator[](std::size_t i) const {
-        const std::size_t end = i + 1 < starts_.size() ? starts_[i + 1] : text_.size();
-        return {text_.data() + starts_[i], end - starts_[i] - 1};
-    }
-    const char* c_str(std::size_t i) const { return text_.data() + starts_[i]; }
-
-private:
-    std::string text_;                 // the entries, each followed by a NUL
-    std::vector<std::size_t> starts_;  // where each begins in text_
-};
-
-// What a Windows host adds to a start to keep git's console window hidden:
-// its STARTUPINFO's dwFlags and wShowWindow (STARTF_USESHOWWINDOW and
-// SW_HIDE) and CreateProcess's creation flags (CREATE_NO_WINDOW). The Windows
-// runner applies them; other systems have no console windows and ignore them.
-struct StartOptions {
-    std::uint32_t startup_flags = 0;
-    std::uint16_t show_window = 0;
-    std::uint32_t creation_flags = 0;
-    bool operator==(const StartOptions&) const = default;
-};
-
-struct RunOptions {
-    // Seconds for the whole run; no value means no limit.
-    std::optional<double> timeout = DEFAULT_TIMEOUT;
-    // Environment for git ("NAME=value" entries), also searched for git on its
-    // PATH. No value: current_environment() when the run starts; a caller
-    // that guards the environment with a lock of its own copies it itself.
-    std::optional<Environment> env;
-    // What git's standard input is.
-    StdinMode stdin_mode = StdinMode::Inherit;
-    // The host's extra options for the start (Windows).
-    StartOptions start;
-    // Called when a signal interrupted the wait; returning true kills what the
-    // run started and ends it with RunStatus::Interrupted. Called without any
-    // lock held, with the calling thread's own signal mask. (Windows has no
-    // signals that interrupt the wait: a console's Ctrl+C reaches git too.)
-    std::function<bool()> on_interrupt;
-};
-
-struct RunOutcome {
-    RunStatus status = RunStatus::Exited;
-    std::string out;  // raw bytes, not decoded
-    std::string err;
-    // POSIX: the exit status, or the negative signal number. Windows: the
-    // process's exit code as the system gives it, from 0 to 4294967295.
-    std::int64_t returncode = 0;
-};
-
-// This process's environment, copied ("NAME=value" entries). Nothing here
-// guards it against a thread that calls setenv meanwhile: the caller holds
-// the lock that such edits take (the extension module, under the GIL, the
-// interpreter lock; a free-threaded CPython has none, and the module reads
-// os.environ there instead).
-Environment current_environment();
-
-// Starts `git args...` in `cwd`, git found on the PATH of the environment it
-// gets, and drains both pipes together until git has exited and both are at
-// end of file. At the deadline, on an interrupt and on an exception everything
-// the run started is killed; git is reaped on every way out. Throws OsError
-// for start failures other than ENOENT. Arguments and `cwd` are byte strings
-// (no NULs); on Windows UTF-8, lone surrogates included (as Python's
-// "surrogatepass" writes them), given to the system as UTF-16.
-RunOutcome run_git_process(const std::vector<std::string>& args, const std::string& cwd,
-                           const RunOptions& options = {});
-
-// The runner as the library uses it: timeouts and a missing git as the fixed
-// triples, both streams decoded.
+// Runs `git args...` in `repo_root` (git from PATH), at most `timeout` seconds
+// (no value: no limit), then kills everything the run started. Throws OsError
+// for start failures other than a missing git or directory.
 GitResult run_git_command(const std::string& repo_root, const std::vector<std::string>& args,
                           std::optional<double> timeout = DEFAULT_TIMEOUT,
                           StdinMode stdin_mode = StdinMode::Inherit);
@@ -246,10 +124,7 @@ GitResult run_git_command(const std::string& repo_root, const std::vector<std::s
 // stdout of a run that exited 0; GitError with git's message otherwise.
 std::string git_output(const std::string& repo_root, const std::vector<std::string>& args);
 
-// ---------------------------------------------------------------------------
-// Parsers (pure functions of LF-only UTF-8 text)
-// ---------------------------------------------------------------------------
-
+// ---- Parsers (pure functions of LF-only UTF-8 text) ------------------------
 // `git diff --raw --numstat -z` into records, raw and numstat paired by path.
 std::vector<FileChange> parse_file_changes(std::string_view output);
 // `git log --format=%x1e%ct --raw --numstat -z`; std::invalid_argument for a
@@ -265,10 +140,7 @@ LineSpan span(std::int64_t start, std::int64_t new_count, std::int64_t old_count
 std::optional<std::string> patch_path(std::string_view text);
 std::string unquote(std::string_view text);
 
-// ---------------------------------------------------------------------------
-// Period starts (`since` values)
-// ---------------------------------------------------------------------------
-
+// ---- Period starts (`since` values) ----------------------------------------
 inline constexpr std::string_view TIME_SPEC_FORMS =
     "a positive whole number followed by m (minutes), h (hours), d (days) or w (weeks), "
     "such as 7d or 24h, or an ISO date such as 2026-09-01";
@@ -279,42 +151,31 @@ struct Moment {
     bool operator==(const Moment&) const = default;
 };
 
-// "%Y-%m-%d %H:%M:%S", the fraction dropped.
+// "%Y-%m-%d %H:%M:%S", the fraction dropped; the current local time.
 std::string format_moment(const Moment& m);
-
-// The current local time from the system clock.
 Moment local_now();
 
-// `parse_time_spec`: relative forms count back from `now` (the system clock
-// when not given); ISO instants with a zone are converted with the system's
-// zone rules in force at the call. Throws TimeSpecError.
+// Relative forms count back from `now` (the system clock when not given); ISO
+// instants with a zone take the zone rules in force. Throws TimeSpecError.
 Moment parse_time_spec(std::string_view since, const Moment& now);
 Moment parse_time_spec(std::string_view since);
 
-// ---------------------------------------------------------------------------
-// Repository location and branch names
-// ---------------------------------------------------------------------------
-
+// ---- Repository location and branch names ----------------------------------
 // The current working directory (throws OsError).
 std::string current_directory();
-
-// The nearest ancestor (itself included) of the absolute, unresolved `start`
-// that holds ".git"; no value when none does. Throws OsError for lookups that
-// fail with anything but "absent".
+// The nearest ancestor (itself included) of `start`, made absolute unresolved, that
+// holds ".git"; no value when none does. OsError for lookups failing otherwise.
 std::optional<std::string> find_git_root(std::optional<std::string> start = std::nullopt);
 
 // find_git_root() or the current directory.
 std::string find_repo_root();
-
-// The short form of a branch name: main, origin/main and refs/heads/main all
-// give main; no value when nothing is left.
+// A branch name's short form (main of origin/main, refs/heads/main); no value when none is left.
 std::optional<std::string> normalize_branch_name(std::optional<std::string_view> name);
 
-// ---------------------------------------------------------------------------
-// Queries, each running git in `repo_root` with the default time limit
-// ---------------------------------------------------------------------------
-
+// ---- Queries, each running git in `repo_root` with the default time limit ---
 inline constexpr std::int64_t MAX_PATHSPEC_CHARS = 16000;
+inline constexpr std::string_view DEFAULT_SINCE = "30d";        // the period of get_authors_for_period
+inline constexpr std::string_view DEFAULT_DIFF_FILTER = "MR";  // the files diff_line_spans looks at
 
 // Paths cut into consecutive batches whose lengths (in characters, each path
 // with one more) stay within `budget`; a longer path gets a batch of its own.
@@ -324,7 +185,7 @@ std::vector<std::vector<std::string>> path_batches(const std::vector<std::string
 std::optional<std::string> resolve_display_branch(const std::string& repo_root);
 std::string get_default_branch(const std::string& repo_root);
 bool branch_exists(const std::string& repo_root, std::string_view branch);
-std::vector<Author> get_authors_for_period(const std::string& repo_root, std::string_view since = "30d");
+std::vector<Author> get_authors_for_period(const std::string& repo_root, std::string_view since = DEFAULT_SINCE);
 std::optional<std::string> get_head_commit(const std::string& repo_root, bool short_id = true);
 std::optional<std::string> resolve_commit(const std::string& repo_root, std::string_view name);
 std::int64_t count_commits(const std::string& repo_root, std::string_view base, std::string_view head);
@@ -334,6 +195,6 @@ std::vector<CommitChanges> log_commit_changes(const std::string& repo_root, cons
                                               std::optional<std::string_view> ref, std::int64_t max_commits);
 LineSpansByPath diff_line_spans(const std::string& repo_root, std::string_view base, std::string_view head,
                                 bool merge_base, const std::vector<std::string>& paths = {},
-                                std::string_view diff_filter = "MR");
+                                std::string_view diff_filter = DEFAULT_DIFF_FILTER);
 
 }  // namespace git_utils

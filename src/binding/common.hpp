@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "compat.hpp"
+#include "src/core/runner.hpp"
 #include "src/core/text.hpp"
 #include "utils/git_utils.hpp"
 
@@ -355,13 +356,13 @@ struct RunRequest {
     StdinMode stdin_mode = StdinMode::Inherit;
 };
 // `run_git_command` as the namespace holds it now.
-GitResult run_through_namespace(const Call& call, const RunRequest& request);
+RunOutcome run_through_namespace(const Call& call, const RunRequest& request);
 // The library's own runner.
-GitResult run_own(const Call& call, const RunRequest& request);
+RunOutcome run_own(const Call& call, const RunRequest& request);
 // The library's own `_git_output`: stdout, or GitError.
 std::string checked_own(const Call& call, const RunRequest& request);
 // A result triple as a tuple (the fixed triples shared).
-Ref triple_of(const Call& call, const GitResult& result);
+Ref triple_of(const Call& call, const RunOutcome& result);
 
 // The parsers (parsers.cpp), as the queries reach them through the namespace.
 Ref file_changes_of(const Call& call, Text& text);

@@ -31,7 +31,7 @@ public:
     BindingGit(const Call& call, PyObject* repo_root, PyObject* paths = nullptr)
         : call_(call), root_(Ref::borrow(repo_root)), paths_(Ref::borrow(paths)) {}
 
-    GitResult run(std::vector<std::string> args, StdinMode mode = StdinMode::Inherit) {
+    RunOutcome run(std::vector<std::string> args, StdinMode mode = StdinMode::Inherit) {
         RunRequest request{root_.get(), std::move(args)};
         request.stdin_mode = mode;
         return run_through_namespace(call_, request);
@@ -81,7 +81,7 @@ public:
 
     Moment period_start(std::string_view since) { return binding::period_start(call_, since); }
 
-    void shortlog_failed(const GitResult& result, std::string_view stderr_stripped) {
+    void shortlog_failed(const RunOutcome& result, std::string_view stderr_stripped) {
         Ref rc = result.returncode_digits.empty() ? check(PyLong_FromLongLong(result.returncode))
                                                   : int_from_digits(result.returncode_digits);
         Ref err = str_from_utf8(stderr_stripped);
@@ -170,13 +170,13 @@ Ref impl_branch_exists(const Call& call, PyObject* const* a) {
 Ref impl_get_authors_for_period(const Call& call, PyObject* const* a) {
     const std::string since = str_argument(a[1], "get_authors_for_period", "since");
     BindingGit git(call, a[0]);
-    const std::vector<AuthorEntry> authors = git_utils::authors_for_period(git, since);
     ListBuilder list;
-    for (const AuthorEntry& author : authors) {
-        Ref name = str_from_utf8(author.name), email = str_from_utf8(author.email);
-        Ref commits = int_object(author.commits);
-        list.add(check(Py_BuildValue("{s:O,s:O,s:O}", "name", name.get(), "email", email.get(), "commits", commits.get())));
-    }
+    git_utils::authors_for_period(git, since, [&](std::string_view name, std::string_view email, const Integer& commits) {
+        Ref name_object = str_from_utf8(name), email_object = str_from_utf8(email);
+        Ref count = int_object(commits);
+        list.add(check(Py_BuildValue("{s:O,s:O,s:O}", "name", name_object.get(), "email", email_object.get(), "commits",
+                                     count.get())));
+    });
     return list.list();
 }
 

@@ -2,13 +2,13 @@
 // options, the choice between the native process and the host's
 // `subprocess.run`, the runner's log lines through the namespace's logger,
 // and the routing of every library run through `run_git_command` as the
-// namespace holds it. What a run does is the core's (src/core/run.hpp).
+// namespace holds it. What a run does is the core's (src/core/runner.hpp).
 #include <cmath>
 #include <optional>
 
 #include "common.hpp"
 #include "src/core/queries.hpp"
-#include "src/core/run.hpp"
+#include "src/core/runner.hpp"
 
 namespace git_utils::binding {
 namespace {
@@ -252,7 +252,7 @@ private:
             throw;
         }
         take_lock_back(saved);
-        if (outcome.status == RunStatus::Interrupted) throw PyErrSet{};  // the handler's exception
+        if (outcome.interrupted) throw PyErrSet{};  // the handler's exception
         return outcome;
     }
 
@@ -326,12 +326,12 @@ private:
 };
 
 // A host's triple as a result: str outputs and an integer exit code.
-GitResult result_of_triple(PyObject* triple) {
+RunOutcome result_of_triple(PyObject* triple) {
     Ref seq = host_tuple(triple);
     if (PyTuple_GET_SIZE(seq.get()) != 3)
         raise(PyExc_TypeError, "run_git_command must return (stdout, stderr, returncode), not %zd values",
               PyTuple_GET_SIZE(seq.get()));
-    GitResult r;
+    RunOutcome r;
     r.out = str_argument(PyTuple_GET_ITEM(seq.get(), 0), "run_git_command", "stdout");
     r.err = str_argument(PyTuple_GET_ITEM(seq.get(), 1), "run_git_command", "stderr");
     PyObject* code = PyTuple_GET_ITEM(seq.get(), 2);
@@ -353,7 +353,7 @@ GitResult result_of_triple(PyObject* triple) {
 struct NamespaceRunner {
     const Call& call;
     const RunRequest& base;
-    GitResult run(std::vector<std::string> args) {
+    RunOutcome run(std::vector<std::string> args) {
         RunRequest r{base.repo_root, std::move(args), base.args_object, nullptr, StdinMode::Inherit};
         return run_through_namespace(call, r);
     }
@@ -361,12 +361,12 @@ struct NamespaceRunner {
 
 }  // namespace
 
-GitResult run_own(const Call& call, const RunRequest& request) {
+RunOutcome run_own(const Call& call, const RunRequest& request) {
     RunSteps steps(call, request);
     return run_with(steps);
 }
 
-GitResult run_through_namespace(const Call& call, const RunRequest& request) {
+RunOutcome run_through_namespace(const Call& call, const RunRequest& request) {
     Ref runner = call.get(run_git_command);
     if (call.is_own(run_git_command, runner)) return run_own(call, request);
     Ref args = request.args_object ? Ref::borrow(request.args_object) : str_list(request.args);
@@ -379,10 +379,9 @@ std::string checked_own(const Call& call, const RunRequest& request) {
     return checked_output(runner, request.args);
 }
 
-Ref triple_of(const Call& call, const GitResult& result) {
+Ref triple_of(const Call& call, const RunOutcome& result) {
     switch (result.status) {
         case RunStatus::TimedOut:
-        case RunStatus::Interrupted:
             return Ref::borrow(call.st->timed_out_triple);
         case RunStatus::NotFound:
             return Ref::borrow(call.st->not_found_triple);

@@ -1,6 +1,7 @@
-// Between the runner (runner.cpp: deadlines, output collection, the result
-// triple) and the code that starts and watches git on one platform
-// (posix/process.cpp, win32/process.cpp). Private to the core.
+// The one interface between the runner (runner.hpp and runner.cpp: the
+// deadline, the output collection, the result) and the code that starts and
+// watches git on one platform: posix/ (start.cpp, watch.cpp, sweep.cpp) or
+// win32/process.cpp. Private to the core.
 #pragma once
 
 #include <chrono>
@@ -10,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "utils/git_utils.hpp"
+#include "src/core/runner.hpp"
 
 namespace git_utils::process {
 
@@ -57,10 +58,15 @@ struct Request {
     StartOptions start = {};
 };
 
-struct Outcome {
-    RunStatus status = RunStatus::Exited;
-    std::int64_t returncode = 0;
-};
+// How the platform code reports the end of a run: its status and exit code,
+// and whether the interrupt hook stopped it (the bytes are in the buffers).
+inline RunOutcome ended(RunStatus status, std::int64_t returncode = 0, bool interrupted = false) {
+    RunOutcome outcome;
+    outcome.status = status;
+    outcome.returncode = returncode;
+    outcome.interrupted = interrupted;
+    return outcome;
+}
 
 // The STARTUPINFO and CreateProcess flags of a Windows start: the host's,
 // plus what the runner itself needs (its pipes as git's standard handles, a
@@ -90,8 +96,8 @@ NativeStart windows_start(const StartOptions& host);
 // Starts git, reads both outputs into `out` and `err` until git has exited
 // and both pipes are at end of file, the deadline passes or `on_interrupt`
 // asks to stop. On every way out after the start (also when reading throws)
-// everything the run started is killed and git is reaped. Throws SpawnError
+// everything the run started is killed and git is reaped. Throws OsError
 // for start failures other than ENOENT.
-Outcome run(const Request& request, OutputBuffer& out, OutputBuffer& err);
+RunOutcome run(const Request& request, OutputBuffer& out, OutputBuffer& err);
 
 }  // namespace git_utils::process

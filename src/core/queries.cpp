@@ -5,7 +5,6 @@
 #include <unordered_map>
 
 #include "src/core/changes.hpp"
-#include "src/core/run.hpp"
 #include "src/core/timespec.hpp"
 
 namespace git_utils {
@@ -92,21 +91,13 @@ std::vector<std::string> authors(const Moment& since) {
 // Shared readers
 // ---------------------------------------------------------------------------
 
-std::string git_error_message(const GitResult& result) {
-    const std::string_view trimmed = strip(result.err);
-    if (!trimmed.empty()) return std::string(trimmed);
-    return "git exited with code " +
-           (result.returncode_digits.empty() ? std::to_string(result.returncode) : result.returncode_digits);
-}
-
 Integer read_integer(std::string_view text) {
     std::optional<Integer> i = read_decimal_integer(text);
     if (!i) throw std::invalid_argument("invalid literal for int() with base 10: " + python_repr(text));
     return std::move(*i);
 }
 
-std::vector<AuthorEntry> parse_shortlog(std::string_view output) {
-    std::vector<AuthorEntry> authors;
+void parse_shortlog(std::string_view output, const AddAuthor& add) {
     const std::string_view text = strip(output);
     std::size_t pos = 0;
     while (pos <= text.size()) {
@@ -119,21 +110,18 @@ std::vector<AuthorEntry> parse_shortlog(std::string_view output) {
         if (tab == std::string_view::npos) continue;  // also every empty line
         const std::string_view rest = line.substr(tab + 1);
 
-        AuthorEntry& author = authors.emplace_back();
-        author.commits = read_integer(strip(line.substr(0, tab)));
+        const Integer commits = read_integer(strip(line.substr(0, tab)));
         const std::size_t lt = rest.find('<');
         if (lt != std::string_view::npos && rest.find('>') != std::string_view::npos) {
-            author.name = strip(rest.substr(0, lt));
             // The address runs from the first "<" to the next "<" (or the
             // end), cut before its first ">".
             std::string_view email = rest.substr(lt + 1);
             email = email.substr(0, email.find('<'));
-            author.email = email.substr(0, email.find('>'));
+            add(strip(rest.substr(0, lt)), email.substr(0, email.find('>')), commits);
         } else {
-            author.name = rest;
+            add(rest, {}, commits);
         }
     }
-    return authors;
 }
 
 std::vector<std::vector<std::string>> path_batches(const std::vector<std::string>& paths, std::int64_t budget) {
@@ -162,8 +150,8 @@ public:
     explicit NativeGit(const std::string& repo_root, const std::vector<std::string>* paths = nullptr)
         : root_(repo_root), paths_(paths) {}
 
-    GitResult run(std::vector<std::string> args, StdinMode mode = StdinMode::Inherit) {
-        return run_git_command(root_, args, DEFAULT_TIMEOUT, mode);
+    RunOutcome run(std::vector<std::string> args, StdinMode mode = StdinMode::Inherit) {
+        return run_native(root_, args, DEFAULT_TIMEOUT, mode);
     }
     Text output(std::vector<std::string> args) { return checked_output(*this, std::move(args)); }
     static std::string_view view(const Text& t) { return t; }
@@ -187,7 +175,7 @@ public:
     std::vector<std::vector<std::string>> path_batches() const { return git_utils::path_batches(*paths_); }
 
     static Moment period_start(std::string_view since) { return parse_time_spec(since); }
-    static void shortlog_failed(const GitResult&, std::string_view) {}
+    static void shortlog_failed(const RunOutcome&, std::string_view) {}
 
 private:
     const std::string& root_;
@@ -225,8 +213,9 @@ bool branch_exists(const std::string& repo_root, std::string_view branch) {
 std::vector<Author> get_authors_for_period(const std::string& repo_root, std::string_view since) {
     NativeGit git(repo_root);
     std::vector<Author> authors;
-    for (AuthorEntry& e : authors_for_period(git, since))
-        authors.push_back(Author{std::move(e.name), std::move(e.email), to_int64(e.commits)});
+    authors_for_period(git, since, [&](std::string_view name, std::string_view email, const Integer& commits) {
+        authors.push_back(Author{std::string(name), std::string(email), to_int64(commits)});
+    });
     return authors;
 }
 

@@ -8,7 +8,7 @@
 // module with one that routes every run through `run_git_command` and
 // `_git_output` as its namespace holds them. A policy provides:
 //
-//   GitResult run(std::vector<std::string> args, StdinMode = StdinMode::Inherit);  // the runner
+//   RunOutcome run(std::vector<std::string> args, StdinMode = StdinMode::Inherit);  // the runner
 //   Text output(std::vector<std::string> args);       // the checked runner: stdout, or throws
 //   std::string_view view(const Text&);              // the text as UTF-8
 //   FileChanges parse_file_changes(Text&&);           // the parsers
@@ -20,14 +20,16 @@
 //   bool has_paths();                                // whether the caller limited the diff to paths
 //   std::vector<std::vector<std::string>> path_batches();  // those paths, in batches
 //   Moment period_start(std::string_view since);     // a since value read as a moment
-//   void shortlog_failed(const GitResult&, std::string_view stderr_stripped);  // the authors query's log line
+//   void shortlog_failed(const RunOutcome&, std::string_view stderr_stripped);  // the authors query's log line
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "src/core/runner.hpp"
 #include "src/core/text.hpp"
 #include "utils/git_utils.hpp"
 
@@ -56,23 +58,9 @@ std::vector<std::string> authors(const Moment& since);
 }  // namespace args
 
 // ---------------------------------------------------------------------------
-// Pieces shared by the queries and the runner
+// Readers shared by the queries
 // ---------------------------------------------------------------------------
 
-// The message of a failed run: stderr trimmed, or "git exited with code N".
-std::string git_error_message(const GitResult& result);
-
-// Whether a run exited with 0.
-inline bool succeeded(const GitResult& r) { return r.returncode == 0 && r.returncode_digits.empty(); }
-
-// The checked runner over any runner: stdout when git exited 0, GitError
-// with git's message otherwise.
-template <class Runner>
-std::string checked_output(Runner& runner, std::vector<std::string> args) {
-    GitResult result = runner.run(std::move(args));
-    if (!succeeded(result)) throw GitError(git_error_message(result));
-    return std::move(result.out);
-}
 
 // A decimal integer (an optional sign, then decimal digits), or
 // std::invalid_argument worded as Python's int() words it.
@@ -98,15 +86,12 @@ std::vector<std::size_t> path_batch_sizes(std::size_t count, Length&& length, st
     return sizes;
 }
 
-// One author line of `git shortlog -sne`.
-struct AuthorEntry {
-    std::string name;
-    std::string email;
-    Integer commits;
-};
-// Lines without a TAB are skipped; a count that is no integer throws
-// std::invalid_argument.
-std::vector<AuthorEntry> parse_shortlog(std::string_view output);
+// Each author line of `git shortlog -sne`, in order, given to `add` as its
+// name, address and count (the caller makes its own record of them: the
+// public Author, or the module's dict). Lines without a TAB are skipped; a
+// count that is no integer throws std::invalid_argument.
+using AddAuthor = std::function<void(std::string_view name, std::string_view email, const Integer& commits)>;
+void parse_shortlog(std::string_view output, const AddAuthor& add);
 
 // ---------------------------------------------------------------------------
 // The queries
@@ -116,7 +101,7 @@ namespace detail {
 // stdout trimmed when git exited 0 and printed something; no value otherwise.
 template <class Git>
 std::optional<std::string> lenient_answer(Git& git, std::vector<std::string> args) {
-    const GitResult result = git.run(std::move(args));
+    const RunOutcome result = git.run(std::move(args));
     const std::string_view answer = strip(result.out);
     if (!succeeded(result) || answer.empty()) return std::nullopt;
     return std::string(answer);
@@ -214,20 +199,21 @@ auto diff_line_spans(Git& git, std::string_view base, std::string_view head, boo
     return result;
 }
 
-// Who committed since the start of the period, as git's summary lists them;
-// nothing when git fails (which is logged through the policy).
+// Who committed since the start of the period, as git's summary lists them,
+// each given to `add`; nobody when git fails (which is logged through the
+// policy).
 template <class Git>
-std::vector<AuthorEntry> authors_for_period(Git& git, std::string_view since) {
+void authors_for_period(Git& git, std::string_view since, const AddAuthor& add) {
     // A malformed since value throws here, before git runs.
     const Moment start = git.period_start(since);
     // Without a revision, shortlog summarises HEAD only when its standard
     // input is a terminal; otherwise it would wait for a log on stdin.
-    const GitResult result = git.run(args::authors(start), StdinMode::Terminal);
+    const RunOutcome result = git.run(args::authors(start), StdinMode::Terminal);
     if (!succeeded(result)) {
         git.shortlog_failed(result, strip(result.err));
-        return {};
+        return;
     }
-    return parse_shortlog(result.out);
+    parse_shortlog(result.out, add);
 }
 
 }  // namespace git_utils

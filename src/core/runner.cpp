@@ -1,12 +1,12 @@
 // The git command runner, the part that is the same on every platform: the
-// deadline, the chunked collection of both outputs, the outcome as the result
-// triple. Starting and watching git is in process.hpp's platform code.
+// deadline, the chunked collection of both outputs, the fixed results, the
+// checked run's message, and the native steps of run_with(). Starting and
+// watching git is in process.hpp's platform code.
 #include <algorithm>
 #include <chrono>
 #include <utility>
 
 #include "src/core/process.hpp"
-#include "src/core/run.hpp"
 #include "utils/git_utils.hpp"
 
 namespace git_utils {
@@ -74,31 +74,33 @@ RunOutcome run_git_process(const std::vector<std::string>& args, const std::stri
                              .on_interrupt = options.on_interrupt,
                              .start = options.start};
     process::OutputBuffer out, err;
-    process::Outcome done = process::run(request, out, err);
-    RunOutcome outcome;
-    outcome.status = done.status;
-    if (done.status == RunStatus::Exited) {
+    RunOutcome outcome = process::run(request, out, err);
+    if (outcome.status == RunStatus::Exited) {
         outcome.out = out.take();
         outcome.err = err.take();
-        outcome.returncode = done.returncode;
     }
     return outcome;
 }
 
-GitResult timed_out_result() {
-    GitResult r;
-    r.err = TIMED_OUT_MESSAGE;
+namespace {
+// ("", message, 1), as a run that never got to git's exit gives it.
+RunOutcome fixed_result(RunStatus status, std::string_view message) {
+    RunOutcome r;
+    r.err = message;
     r.returncode = 1;
-    r.status = RunStatus::TimedOut;
+    r.status = status;
     return r;
 }
+}  // namespace
 
-GitResult not_found_result() {
-    GitResult r;
-    r.err = NOT_FOUND_MESSAGE;
-    r.returncode = 1;
-    r.status = RunStatus::NotFound;
-    return r;
+RunOutcome timed_out_result() { return fixed_result(RunStatus::TimedOut, TIMED_OUT_MESSAGE); }
+RunOutcome not_found_result() { return fixed_result(RunStatus::NotFound, NOT_FOUND_MESSAGE); }
+
+std::string git_error_message(const RunOutcome& result) {
+    const std::string_view trimmed = strip(result.err);
+    if (!trimmed.empty()) return std::string(trimmed);
+    return "git exited with code " +
+           (result.returncode_digits.empty() ? std::to_string(result.returncode) : result.returncode_digits);
 }
 
 namespace {
@@ -114,12 +116,17 @@ struct NativeRunSteps {
 };
 }  // namespace
 
-GitResult run_git_command(const std::string& repo_root, const std::vector<std::string>& args,
-                          std::optional<double> timeout, StdinMode stdin_mode) {
+RunOutcome run_native(const std::string& repo_root, const std::vector<std::string>& args,
+                      std::optional<double> timeout, StdinMode stdin_mode) {
     NativeRunSteps steps{args, repo_root, {}};
     steps.options.timeout = timeout;
     steps.options.stdin_mode = stdin_mode;
     return run_with(steps);
+}
+
+GitResult run_git_command(const std::string& repo_root, const std::vector<std::string>& args,
+                          std::optional<double> timeout, StdinMode stdin_mode) {
+    return std::move(run_native(repo_root, args, timeout, stdin_mode));
 }
 
 }  // namespace git_utils

@@ -7,20 +7,13 @@
 // arithmetic happens on that count, so a day is always 24 hours and no
 // daylight-saving rule touches a relative form.
 #include "src/core/timespec.hpp"
+#include "src/core/platform.hpp"
 
 #include <cerrno>
 #include <cstdio>
 #include <exception>
 #include <limits>
 #include <system_error>
-#include <time.h>
-
-#ifdef _WIN32
-#ifndef NOMINMAX
-#define NOMINMAX
-#endif
-#include <windows.h>
-#endif
 
 namespace git_utils {
 namespace {
@@ -278,65 +271,6 @@ std::optional<IsoSpec> parse_iso(std::string_view s) {
     return iso;
 }
 
-#ifdef _WIN32
-
-// 100-nanosecond ticks from 1601-01-01 (FILETIME's epoch) to 1970-01-01.
-constexpr std::int64_t kFiletimeUnixEpoch = 116444736000000000;
-
-std::int64_t filetime_ticks(const FILETIME& ft) {
-    return static_cast<std::int64_t>((static_cast<std::uint64_t>(ft.dwHighDateTime) << 32) | ft.dwLowDateTime);
-}
-
-// `utc` (ticks since 1601) as local time, by the system's zone rules in force
-// now for that year: the zone's daylight-saving dates of the year, where they
-// changed over the years (where the C runtime's localtime applies this year's
-// rules to every year).
-bool local_fields(std::int64_t utc, SYSTEMTIME& local) {
-    FILETIME ft{static_cast<DWORD>(utc), static_cast<DWORD>(static_cast<std::uint64_t>(utc) >> 32)};
-    SYSTEMTIME st;
-    TIME_ZONE_INFORMATION zone;
-    return ::FileTimeToSystemTime(&ft, &st) && ::GetTimeZoneInformationForYear(st.wYear, nullptr, &zone) &&
-           ::SystemTimeToTzSpecificLocalTime(&zone, &st, &local);
-}
-
-// The local zone's offset east of UTC, in seconds, at `unix_seconds`, from the
-// zone rules in force now (nothing is cached here). The system converts
-// instants from 1601 on; before that, the offset of 1601-01-02 is used, and
-// UTC if the system cannot convert at all.
-std::int64_t local_offset_at(std::int64_t unix_seconds) {
-    constexpr std::int64_t first = -11644473600 + kSecondsPerDay, last = 253402300799;  // to 9999-12-31 23:59:59
-    const std::int64_t utc = (unix_seconds < first ? first : unix_seconds > last ? last : unix_seconds) * 10'000'000 +
-                             kFiletimeUnixEpoch;
-    SYSTEMTIME local;
-    FILETIME local_ft;
-    if (!local_fields(utc, local) || !::SystemTimeToFileTime(&local, &local_ft)) return 0;
-    return (filetime_ticks(local_ft) - utc) / 10'000'000;
-}
-
-#else
-
-// The local zone's offset east of UTC, in seconds, at `unix_seconds`, from the
-// zone rules in force now (whatever the process's last tzset() established;
-// nothing is cached here). Where the system cannot convert the instant (a
-// 32-bit time_t, or a localtime_r that gives up), the offset of the nearest
-// instant it can convert is used, and UTC if it can convert none.
-std::int64_t local_offset_at(std::int64_t unix_seconds) {
-    const auto clamp = [](std::int64_t v, std::int64_t lo, std::int64_t hi) { return v < lo ? lo : v > hi ? hi : v; };
-    const std::int64_t t_min = static_cast<std::int64_t>(std::numeric_limits<time_t>::min());
-    const std::int64_t t_max = static_cast<std::int64_t>(std::numeric_limits<time_t>::max());
-    const std::int64_t i32_max = std::numeric_limits<std::int32_t>::max();
-    // First the instant itself as far as time_t reaches, then within the
-    // 32-bit range that every localtime_r handles.
-    for (const std::int64_t at : {clamp(unix_seconds, t_min, t_max), clamp(unix_seconds, -i32_max, i32_max)}) {
-        const time_t t = static_cast<time_t>(at);
-        struct tm fields {};
-        if (localtime_r(&t, &fields) != nullptr) return fields.tm_gmtoff;
-    }
-    return 0;
-}
-
-#endif
-
 }  // namespace
 
 std::string invalid_since_message(std::string_view forms, std::string_view since) {
@@ -412,7 +346,7 @@ Moment parse_iso_since(std::string_view since, std::string_view trimmed) {
     const std::int64_t utc = iso->wall_micros - *iso->offset;
     if (!in_calendar(utc)) throw_outside_calendar(since);
     const std::int64_t unix_seconds = floor_div(utc - kEpochMicros, kMicrosPerSecond);
-    const std::int64_t local = utc + local_offset_at(unix_seconds) * kMicrosPerSecond;
+    const std::int64_t local = utc + platform::local_offset_at(unix_seconds) * kMicrosPerSecond;
     if (!in_calendar(local)) throw_outside_calendar(since);
     return from_micros(local);
 }
@@ -423,50 +357,6 @@ std::string format_moment(const Moment& m) {
                   m.second);
     return buf;
 }
-
-#ifdef _WIN32
-
-Moment local_now() {
-    FILETIME now;
-    ::GetSystemTimePreciseAsFileTime(&now);
-    const std::int64_t utc = filetime_ticks(now);
-    SYSTEMTIME local;
-    if (!local_fields(utc, local)) {
-        const DWORD error = ::GetLastError();
-        throw std::system_error(static_cast<int>(error), std::system_category(), "SystemTimeToTzSpecificLocalTime");
-    }
-    Moment m;
-    m.year = local.wYear;
-    m.month = local.wMonth;
-    m.day = local.wDay;
-    m.hour = local.wHour;
-    m.minute = local.wMinute;
-    m.second = local.wSecond;
-    m.microsecond = static_cast<int>(utc % 10'000'000 / 10);
-    return m;
-}
-
-#else
-
-Moment local_now() {
-    struct timespec ts {};
-    if (clock_gettime(CLOCK_REALTIME, &ts) != 0)
-        throw std::system_error(errno, std::generic_category(), "clock_gettime");
-    struct tm fields {};
-    if (localtime_r(&ts.tv_sec, &fields) == nullptr)
-        throw std::system_error(errno, std::generic_category(), "localtime_r");
-    Moment m;
-    m.year = fields.tm_year + 1900;
-    m.month = fields.tm_mon + 1;
-    m.day = fields.tm_mday;
-    m.hour = fields.tm_hour;
-    m.minute = fields.tm_min;
-    m.second = fields.tm_sec > 59 ? 59 : fields.tm_sec;  // a leap second reads as :59
-    m.microsecond = static_cast<int>(ts.tv_nsec / 1000);
-    return m;
-}
-
-#endif
 
 namespace {
 // The library's own steps: its pattern and units, the system clock (read

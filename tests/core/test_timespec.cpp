@@ -74,7 +74,7 @@ TEST_P(TimeSpecRelative, CountsBackOnTheWallClock) {
 
 INSTANTIATE_TEST_SUITE_P(
     TimeSpec, TimeSpecRelative,
-    // (The Python tests count " 7d", Arabic-Indic 7, "30m" and "2w" back from the clock.)
+    // (The Python tests count "30m" back from the clock in a half-hour zone.)
     testing::Values(RelativeCase{"007d", kNow, at(2024, 2, 23, 0, 10, 0, 123456)},
                     RelativeCase{"\u0661\u0664d", kNow, at(2024, 2, 16, 0, 10, 0, 123456)},  // Arabic-Indic 14
                     RelativeCase{"\u30001d\u0085", kNow, at(2024, 2, 29, 0, 10, 0, 123456)},

@@ -84,8 +84,7 @@ def every_operation(repo):
 
 # Every file whose tests neither install signal handlers nor fork (which only
 # the main interpreter may), nor start mypy; their slow tests stay outside.
-FILES = ["test_parsers.py", "test_module.py", "test_queries.py", "test_report.py", "test_corrupt.py",
-         "test_boundary.py"]
+FILES = ["test_parsers.py", "test_module.py", "test_queries.py", "test_report.py", "test_boundary.py"]
 
 
 @pytest.mark.slow

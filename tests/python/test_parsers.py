@@ -30,28 +30,19 @@ def spans(result):
 
 # --- raw and numstat streams ---------------------------------------------------------------------
 
+# Exact records for the rules; the generators below vary paths, letters and counts against the baseline.
 @pytest.mark.parametrize("tokens, expected", [
     ([], []),
-    (["", "", ""], []),
     ([HEAD + "M", "src/a.c", "3\t1\tsrc/a.c"], [("src/a.c", "modified", 3, 1, None)]),
     ([HEAD + "R086", "old/b.c", "new/b.c", "5\t2\t", "old/b.c", "new/b.c"], [("new/b.c", "renamed", 5, 2, "old/b.c")]),
     ([HEAD + "C075", "s", "d", "1\t0\t", "s", "d"], [("d", "copied", 1, 0, "s")]),
     ([HEAD + "M", "logo.png", "-\t-\tlogo.png"], [("logo.png", "modified", 0, 0, None)]),
     ([HEAD + "A", "x", "4\t0\ty"], [("x", "added", 0, 0, None)]),  # no numstat for x; no raw record for y
     (["7\t1\tb", "2\t0\ta", HEAD + "M", "a", HEAD + "D", "b"], [("a", "modified", 2, 0, None), ("b", "deleted", 7, 1, None)]),
-    (["\n\n" + HEAD + "D", "gone", "\n0\t4\tgone"], [("gone", "deleted", 0, 4, None)]),
-    ([HEAD + "M", "\nnl", "1\t0\t\nnl"], [("\nnl", "modified", 1, 0, None)]),  # a path token keeps its LF
     ([HEAD + "A", "p", HEAD + "M", "q", HEAD + "R1", "o", "p", "1\t1\tp", "9\t8\tp"],
      [("p", "renamed", 9, 8, "o"), ("q", "modified", 0, 0, None)]),
-    ([HEAD + "T", "t", HEAD + "U", "u", HEAD + "X", "x", HEAD, "e", ":", "c", HEAD + "é", "n"],
-     [(p, "modified", 0, 0, None) for p in "tuxecn"]),
-    ([HEAD + "M"], []),
-    ([HEAD + "R100", "only"], []),
-    (["junk", "1\t2", HEAD + "M", "a"], [("a", "modified", 0, 0, None)]),
-    ([HEAD + "M", "a\tb", "1\t0\ta\tb"], [("a\tb", "modified", 1, 0, None)]),
+    ([HEAD + "T", "t", HEAD + "X", "x", HEAD, "e", HEAD + "é", "n"], [(p, "modified", 0, 0, None) for p in "txen"]),
     ([HEAD + "R1", HEAD + "M", "x"], [("x", "renamed", 0, 0, HEAD + "M")]),  # one cursor for paths
-    (["1\t1\t", HEAD + "M", "a"], []),
-    ([HEAD + "R1", "o", "n", "1\t1\t", "o"], [("n", "renamed", 0, 0, "o")]),
     ([HEAD + "M", "big", f"{BIG}\t99999999999999999999999\tbig"], [("big", "modified", BIG, 10**23 - 1, None)]),
 ], ids=lambda v: None)
 def test_file_changes(tokens, expected):
@@ -60,8 +51,7 @@ def test_file_changes(tokens, expected):
 
 
 @pytest.mark.parametrize("field, expected", [
-    ("0", 0), ("42", 42), ("007", 7), (str(BIG), BIG), ("-", 0), ("", 0), ("+1", 0), (" 1", 0), ("1 ", 0),
-    ("1.0", 0), ("x1", 0), ("\u00b2", 0), ("1\u00b2", 0), ("\u0663\u0660", 30),
+    ("42", 42), (str(BIG), BIG), ("-", 0), ("+1", 0), ("1 ", 0), ("1.0", 0), ("1\u00b2", 0), ("\u0663\u0660", 30),
     pytest.param("9" * 5000, 10**5000 - 1, id="beyond int()'s limit on digit strings"),
 ])
 def test_line_count(field, expected):
@@ -76,14 +66,10 @@ EXAMPLE_LOG = [RS + "1700000300", "\n" + HEAD + "M", "x.c", "1\t1\tx.c", RS + "1
 
 @pytest.mark.parametrize("tokens, expected", [
     ([], []),
-    (["junk", "1\t1\tx"], []),
     (EXAMPLE_LOG, [(1700000300, (("x.c", "modified", 1, 1, None),)), (1700000200, ()),
                    (1700000100, (("y.c", "added", 3, 0, None),))]),
     (["junk", HEAD + "M", "x", RS + "5"], [(5, ())]),
-    (["\n\n" + RS + "1700000000"], [(1700000000, ())]),
-    ([RS + " 1700000000 "], [(1700000000, ())]),
     ([RS + "\u3000\x1c17\x85\u2028"], [(17, ())]),
-    ([RS + "-5", RS + "+5", RS + "007"], [(-5, ()), (5, ()), (7, ())]),
     ([RS + "99999999999999999999999", RS + "-9223372036854775809"], [(10**23 - 1, ()), (-(2**63) - 1, ())]),
     ([RS + "2", "\n" + HEAD + "M", "a", RS + "1", "1\t1\ta"], [(2, (("a", "modified", 0, 0, None),)), (1, ())]),
 ], ids=lambda v: None)
@@ -93,18 +79,19 @@ def test_commit_changes(tokens, expected):
     assert [(c.timestamp, tuple(dataclasses.astuple(f) for f in c.files)) for c in result] == expected
 
 
-# A time is an optional sign and decimal digits: int() would also take "1_0".
-@pytest.mark.parametrize("stamp", ["", "abc", "1 2", "0x10", "--5", "5_", "1__0", "+", "1.0", "1_0"])
-def test_bad_commit_time_fails_with_int_s_message(stamp):
-    with pytest.raises(ValueError) as raised:
-        g.parse_commit_changes("\0".join([RS + "1", "\n" + HEAD + "A", "a", RS + stamp, RS + "2", ""]))
-    assert str(raised.value) == f"invalid literal for int() with base 10: {stamp!r}"
-
-
-@pytest.mark.parametrize("stamp", ["+17", "-17", "\u0661\u0667", " 17 ", "9" * 5000])
-def test_commit_time_is_read_as_python_int_reads_it(stamp):
-    [commit] = g.parse_commit_changes(RS + stamp + "\0")
-    assert commit.timestamp == int(stamp.strip()) if len(stamp) < 4000 else commit.timestamp == 10**5000 - 1
+# A time is read as int() reads it (sign, white space, any decimal digits, no size limit) but is an
+# optional sign and digits only: int() would also take "1_0". A bad one fails with int()'s message.
+@pytest.mark.parametrize("stamp, value", [
+    ("+17", 17), ("-17", -17), ("\u0661\u0667", 17), (" 17 ", 17), pytest.param("9" * 5000, 10**5000 - 1, id="5000 digits"),
+    *((bad, None) for bad in ["", "abc", "1 2", "0x10", "--5", "5_", "1__0", "+", "1.0", "1_0"])])
+def test_commit_time_is_read_as_int_reads_it(stamp, value):
+    log = "\0".join([RS + "1", "\n" + HEAD + "A", "a", RS + stamp, RS + "2", ""])
+    if value is None:
+        with pytest.raises(ValueError) as raised:
+            g.parse_commit_changes(log)
+        assert str(raised.value) == f"invalid literal for int() with base 10: {stamp!r}"
+    else:
+        assert [c.timestamp for c in g.parse_commit_changes(log)] == [1, value, 2]
 
 
 # --- zero-context patches ------------------------------------------------------------------------
@@ -144,14 +131,12 @@ def test_line_spans(lines, expected):
     assert spans(result) == expected and list(result) == list(expected)
 
 
+# Octal escapes decoded as UTF-8 (a bad sequence as U+FFFD); the generators vary the one-character escapes.
 @pytest.mark.parametrize("text, expected", [
-    ("", ""), ("plain é", "plain é"), ("a\\tb", "a\tb"), ("x\\ny", "x\ny"), ("\\a\\b\\f\\v\\r", "\a\b\f\v\r"),
-    ("\\303\\251t\\303\\251", "été"), ("\\303", "\ufffd"), ("caf\\303\\251 ü", "café ü"), ("\\342\\202\\254", "€"),
+    ("plain é", "plain é"), ("\\303\\251t\\303\\251", "été"), ("\\303", "\ufffd"), ("\\342\\202\\254", "€"),
     ("\\360\\237\\230\\200", "😀"), ("\\342\\202", "\ufffd"), ("\\340\\200\\200", "\ufffd" * 3),
-    ("\\303\\302\\251", "\ufffd©"), ("\\303é", "\ufffdé"), ("\\12x", "12x"), ("\\012", "\n"), ("\\1234", "S4"),
-    ("\\09", "09"), ("\\8", "8"), ("\\q", "q"), ("\\N", "N"), ('\\"', '"'), ("a\\\\b", "a\\b"),
-    ("a\\\\nb", "a\\nb"), ("\\\\101", "\\101"), ("abc\\", "abc\\"), ("\\", "\\"), ("\\\n", "\n"), ("\\é", "é"),
-    ("\\000", "\0"), ("\\377", "\ufffd"),
+    ("\\303\\302\\251", "\ufffd©"), ("\\303é", "\ufffdé"), ("\\1234", "S4"), ("\\q", "q"), ("\\\\101", "\\101"),
+    ("abc\\", "abc\\"), ("\\377", "\ufffd"),
 ])
 def test_unquote(text, expected):
     assert g._unquote(text) == expected

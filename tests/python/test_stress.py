@@ -14,7 +14,6 @@ import subprocess
 import sys
 import sysconfig
 import threading
-import time
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
@@ -67,23 +66,14 @@ def test_sixteen_threads_while_another_rebinds_names(repo, module_state, monkeyp
 
 # --- memory over many rounds, and an output of a gigabyte ---------------------------------------
 
-def record(name, figures):
-    """Prints figures (shown with -s) and keeps them in the JSON file that
-    GIT_UTILS_FIGURES names, when it names one."""
-    print(f"\n{name}: {json.dumps(figures)}")
-    if target := os.environ.get("GIT_UTILS_FIGURES"):
-        kept = json.loads(Path(target).read_text()) if Path(target).exists() else {}
-        Path(target).write_text(json.dumps({**kept, name: figures}, indent=2) + "\n")
-
-
-_mallinfo2 = getattr(ctypes.CDLL(None), "mallinfo2", None)
+_mallinfo2 = getattr(ctypes.CDLL(None), "mallinfo2", None)  # glibc
 if _mallinfo2 is not None:
     _mallinfo2.restype = type("Mallinfo2", (ctypes.Structure,), {"_fields_": [(name, ctypes.c_size_t) for name in (
-        "arena", "ordblks", "smblks", "hblks", "hblkhd", "usmblks", "fsmblks", "uordblks", "fordblks", "keepcost")]})
+        "arena ordblks smblks hblks hblkhd usmblks fsmblks uordblks fordblks keepcost".split())]})
 
 
 def malloc_in_use():
-    """Bytes that malloc has handed out and not had back, over all arenas (glibc), or None."""
+    """Bytes that malloc has handed out and not had back, over all arenas, or None."""
     return None if _mallinfo2 is None else (lambda m: m.uordblks + m.hblkhd)(_mallinfo2())
 
 
@@ -148,7 +138,7 @@ def test_threads_over_rounds_agree_and_leave_nothing_behind(repo, tmp_path, monk
             start.abort()
             done.abort()
 
-    rounds, began = [], time.monotonic()
+    rounds = []
     with ThreadPoolExecutor(THREADS) as pool:
         for n in range(THREADS):
             pool.submit(worker, n)
@@ -156,16 +146,12 @@ def test_threads_over_rounds_agree_and_leave_nothing_behind(repo, tmp_path, monk
             start.wait()
             done.wait()
             gc.collect()
-            rounds.append({"seconds": round(time.monotonic() - began, 2), "blocks": sys.getallocatedblocks(),
+            rounds.append({"blocks": sys.getallocatedblocks(),
                            "rss": int(Path("/proc/self/statm").read_text().split()[1]) * os.sysconf("SC_PAGE_SIZE"),
                            "malloc": malloc_in_use()})
         start.wait()
     fds_after, children_after = sorted(os.listdir("/proc/self/fd")), children()
     per_round = THREADS * CALLS
-    record("memory over rounds", {"threads": THREADS, "calls per round": per_round, "round count": ROUNDS,
-                                  "seconds": rounds[-1]["seconds"], "rounds": rounds,
-                                  "fds before": len(fds_before), "fds after": len(fds_after),
-                                  "children before": len(children_before), "children after": len(children_after)})
     assert failures == []
     assert children_after == children_before == []
     assert fds_after == fds_before
@@ -222,12 +208,10 @@ print(json.dumps({"length": len(out), "lines": out.count("\\n"), "head": out[: l
 @pytest.mark.slow
 def test_output_of_a_gigabyte(tmp_path, monkeypatch):
     put_fake_git(tmp_path, monkeypatch, FAKE_GIT)
-    began = time.monotonic()
     done = subprocess.run([sys.executable, "-c", CHILD, str(GIB), LINE], cwd=tmp_path, capture_output=True,
                           text=True, timeout=300)
     assert done.returncode == 0, done.stderr
     got = json.loads(done.stdout)
-    record("output of a gigabyte", dict(got, seconds=round(time.monotonic() - began, 1)))
     assert got == dict(got, length=GIB, lines=GIB // len(LINE), head=True, tail=True, stderr=1 << 20,
                        returncode=0, **{"stderr lines": (1 << 20) // len("warning: noise on stderr\n")})
     # The output is held twice at most: the bytes read, then the str made of them.

@@ -25,7 +25,7 @@
 #include <vector>
 
 #include "src/core/process.hpp"
-#include "src/core/run.hpp"
+#include "src/core/runner.hpp"
 #include "src/core/win32/system.hpp"
 
 namespace git_utils {
@@ -388,11 +388,82 @@ private:
     Handle job_;
 };
 
+// Starts the first of `programs` that runs, suspended, as subprocess tries
+// PATH on POSIX: one that is gone meanwhile is passed over; one that cannot
+// run (not a program for this machine, ERROR_BAD_EXE_FORMAT; access denied)
+// is remembered, and the first of those is the error when no candidate
+// starts. A directory that cannot be entered is the error at once. False
+// when no candidate exists.
+bool start_first(const std::vector<std::wstring>& programs, const Request& request, STARTUPINFOEXW& info,
+                 DWORD creation_flags, PROCESS_INFORMATION& started) {
+    std::wstring line = command_line(request.args);
+    std::wstring env = environment_block(request.env);
+    const std::wstring cwd = win32::widen(request.cwd);
+    DWORD first_failure = ERROR_SUCCESS;
+    for (const std::wstring& program : programs) {
+        if (::CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, TRUE, creation_flags, env.data(),
+                             cwd.c_str(), &info.StartupInfo, &started))
+            return true;
+        const DWORD error = ::GetLastError();
+        const DWORD directory = ::GetFileAttributesW(cwd.c_str());
+        if (directory == INVALID_FILE_ATTRIBUTES || !(directory & FILE_ATTRIBUTE_DIRECTORY)) fail(request.cwd, error);
+        if (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND && first_failure == ERROR_SUCCESS)
+            first_failure = error;
+    }
+    if (first_failure != ERROR_SUCCESS) fail("git", first_failure);
+    return false;
+}
+
+// The wait until git has exited and both streams are at end of file, or the
+// deadline passed.
+RunOutcome watch(const Request& request, Child& child, Stream (&streams)[2]) {
+    const bool limited = request.deadline != Clock::time_point::max();
+    bool exited = false;
+    for (;;) {
+        for (Stream& s : streams) s.start();
+        if (exited && !streams[0].open() && !streams[1].open()) break;
+
+        DWORD wait_ms = INFINITE;
+        if (limited) {
+            const auto left = request.deadline - Clock::now();
+            if (left <= Clock::duration::zero()) {
+                for (Stream& s : streams) s.cancel();
+                child.end_everything();
+                return ended(RunStatus::TimedOut);
+            }
+            const auto ms = std::chrono::ceil<std::chrono::milliseconds>(left).count();
+            wait_ms = static_cast<DWORD>(std::min<long long>(ms, INFINITE - 1));
+        }
+        HANDLE waits[3];
+        int what[3];
+        DWORD n = 0;
+        for (int i = 0; i < 2; ++i)
+            if (streams[i].pending()) waits[n] = streams[i].event(), what[n++] = i;
+        if (!exited) waits[n] = child.process(), what[n++] = 2;
+        const DWORD woke = ::WaitForMultipleObjects(n, waits, FALSE, wait_ms);
+        if (woke == WAIT_TIMEOUT) continue;
+        if (woke >= WAIT_OBJECT_0 + n) throw std::system_error(static_cast<int>(::GetLastError()), std::system_category(), "WaitForMultipleObjects");
+        // Everything that is ready, not only the first: one read per
+        // stream and wake-up, and the deadline looked at again before
+        // the next.
+        for (DWORD k = 0; k < n; ++k) {
+            if (k != woke - WAIT_OBJECT_0 && ::WaitForSingleObject(waits[k], 0) != WAIT_OBJECT_0) continue;
+            if (what[k] == 2)
+                exited = true;
+            else
+                streams[what[k]].finish();
+        }
+    }
+    DWORD code = 0;
+    ::GetExitCodeProcess(child.process(), &code);
+    return ended(RunStatus::Exited, static_cast<std::int64_t>(code));
+}
+
 }  // namespace
 
-Outcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
+RunOutcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
     const std::vector<std::wstring> programs = git_candidates(request.env);
-    if (programs.empty()) return {RunStatus::NotFound, 0};
+    if (programs.empty()) return ended(RunStatus::NotFound);
 
     Handle out_read, out_write, err_read, err_write;
     make_output_pipe(out_read, out_write);
@@ -413,31 +484,9 @@ Outcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
     info.StartupInfo.hStdError = inherited[2];
     info.lpAttributeList = handle_list.get();
 
-    std::wstring line = command_line(request.args);
-    std::wstring env = environment_block(request.env);
-    const std::wstring cwd = win32::widen(request.cwd);
     Handle job(::CreateJobObjectW(nullptr, nullptr));
     PROCESS_INFORMATION started{};
-    // Each candidate in turn, as subprocess tries PATH on POSIX: one that is
-    // gone meanwhile is passed over; one that cannot run (not a program for
-    // this machine, ERROR_BAD_EXE_FORMAT; access denied) is remembered, and
-    // the first of those is the error when no candidate starts. A directory
-    // that cannot be entered is the error at once.
-    DWORD first_failure = ERROR_SUCCESS;
-    for (const std::wstring& program : programs) {
-        if (::CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, TRUE, flags.creation_flags, env.data(),
-                             cwd.c_str(), &info.StartupInfo, &started))
-            break;
-        const DWORD error = ::GetLastError();
-        const DWORD directory = ::GetFileAttributesW(cwd.c_str());
-        if (directory == INVALID_FILE_ATTRIBUTES || !(directory & FILE_ATTRIBUTE_DIRECTORY)) fail(request.cwd, error);
-        if (error != ERROR_FILE_NOT_FOUND && error != ERROR_PATH_NOT_FOUND && first_failure == ERROR_SUCCESS)
-            first_failure = error;
-    }
-    if (!started.hProcess) {
-        if (first_failure != ERROR_SUCCESS) fail("git", first_failure);
-        return {RunStatus::NotFound, 0};
-    }
+    if (!start_first(programs, request, info, flags.creation_flags, started)) return ended(RunStatus::NotFound);
     Handle thread(started.hThread);
     // Where the job cannot take git (a host in a job that forbids nesting,
     // before Windows 8), a timeout ends git alone.
@@ -453,44 +502,8 @@ Outcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
     err_write.reset();
     input.reset();  // the terminal itself stays until the run ends: git looks at its name
 
-    const bool limited = request.deadline != Clock::time_point::max();
-    bool exited = false;
     try {
-        for (;;) {
-            for (Stream& s : streams) s.start();
-            if (exited && !streams[0].open() && !streams[1].open()) break;
-
-            DWORD wait_ms = INFINITE;
-            if (limited) {
-                const auto left = request.deadline - Clock::now();
-                if (left <= Clock::duration::zero()) {
-                    for (Stream& s : streams) s.cancel();
-                    child.end_everything();
-                    return {RunStatus::TimedOut, 0};
-                }
-                const auto ms = std::chrono::ceil<std::chrono::milliseconds>(left).count();
-                wait_ms = static_cast<DWORD>(std::min<long long>(ms, INFINITE - 1));
-            }
-            HANDLE waits[3];
-            int what[3];
-            DWORD n = 0;
-            for (int i = 0; i < 2; ++i)
-                if (streams[i].pending()) waits[n] = streams[i].event(), what[n++] = i;
-            if (!exited) waits[n] = child.process(), what[n++] = 2;
-            const DWORD woke = ::WaitForMultipleObjects(n, waits, FALSE, wait_ms);
-            if (woke == WAIT_TIMEOUT) continue;
-            if (woke >= WAIT_OBJECT_0 + n) throw std::system_error(static_cast<int>(::GetLastError()), std::system_category(), "WaitForMultipleObjects");
-            // Everything that is ready, not only the first: one read per
-            // stream and wake-up, and the deadline looked at again before
-            // the next.
-            for (DWORD k = 0; k < n; ++k) {
-                if (k != woke - WAIT_OBJECT_0 && ::WaitForSingleObject(waits[k], 0) != WAIT_OBJECT_0) continue;
-                if (what[k] == 2)
-                    exited = true;
-                else
-                    streams[what[k]].finish();
-            }
-        }
+        return watch(request, child, streams);
     } catch (...) {
         for (Stream& s : streams) s.cancel();
         out.clear();
@@ -498,14 +511,20 @@ Outcome run(const Request& request, OutputBuffer& out, OutputBuffer& err) {
         child.end_everything();
         throw;
     }
-    DWORD code = 0;
-    ::GetExitCodeProcess(child.process(), &code);
-    return {RunStatus::Exited, static_cast<std::int64_t>(code)};
 }
 
 }  // namespace process
 
-// Where the pipe cannot be made, handle() is null and fd() -1.
+// Windows has no terminal device that a process without a console can hand
+// on, and Git for Windows answers isatty(0) itself: true for a console input
+// handle (GetConsoleMode succeeds) and for a pipe whose name marks it as an
+// MSYS2 or Cygwin pseudo-terminal ("msys-" and "-pty" in it, the terminals of
+// Git Bash and MinTTY); false for NUL, files and other pipes. So the silent
+// terminal is the reading end of such a named pipe, in message mode and
+// holding only empty messages: git sees a terminal, and a read gives end of
+// file. (Closing the writing end instead would also give end of file, but the
+// pipe's name goes with it, and git looks at the name when it starts.) Where
+// the pipe cannot be made, handle() is null and fd() -1.
 SilentTerminal::SilentTerminal() {
     const std::wstring name = process::pipe_name(L"msys-git_utils", L"-pty0");
     process::Handle writer(::CreateNamedPipeW(name.c_str(), PIPE_ACCESS_OUTBOUND | FILE_FLAG_FIRST_PIPE_INSTANCE,
