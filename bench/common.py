@@ -124,23 +124,32 @@ def load_extension(allow_missing: bool = False):
         raise SystemExit(message) from exc
 
 
-def load_baseline():
-    """A second build of the extension to compare with, in the same process:
-    GIT_UTILS_BASELINE names its module file (for example the build of an
-    earlier commit). Its label is GIT_UTILS_BASELINE_LABEL, default "before".
-    Returns (label, module) or None."""
-    so = os.environ.get("GIT_UTILS_BASELINE")
-    if not so:
-        return None
+def load_baselines():
+    """Other builds of the extension to compare with, in the same process:
+    GIT_UTILS_BASELINE names their module files (for example the builds of
+    earlier commits), separated by os.pathsep; GIT_UTILS_BASELINE_LABEL their
+    labels, separated by commas (default "before", "before 2", ...).
+    Returns [(label, module), ...]."""
     import importlib.machinery
     import importlib.util
 
-    name = "baseline_build.git_utils"  # the last part names its init function
-    loader = importlib.machinery.ExtensionFileLoader(name, so)
-    found = importlib.util.spec_from_file_location(name, so, loader=loader)
-    module = importlib.util.module_from_spec(found)
-    found.loader.exec_module(module)
-    return os.environ.get("GIT_UTILS_BASELINE_LABEL", "before"), module
+    files = [f for f in os.environ.get("GIT_UTILS_BASELINE", "").split(os.pathsep) if f]
+    labels = [x for x in os.environ.get("GIT_UTILS_BASELINE_LABEL", "").split(",") if x]
+    builds = []
+    for i, so in enumerate(files):
+        name = f"baseline_build{i}.git_utils"  # the last part names its init function
+        loader = importlib.machinery.ExtensionFileLoader(name, so)
+        found = importlib.util.spec_from_file_location(name, so, loader=loader)
+        module = importlib.util.module_from_spec(found)
+        found.loader.exec_module(module)
+        builds.append((labels[i] if i < len(labels) else "before" + (f" {i + 1}" if i else ""), module))
+    return builds
+
+
+def load_baseline():
+    """The first of load_baselines(), or None."""
+    builds = load_baselines()
+    return builds[0] if builds else None
 
 
 # ---------------------------------------------------------------------------

@@ -138,7 +138,9 @@ std::vector<std::string> str_list_argument(PyObject* value, const char* func, co
 Ref str_list(const std::vector<std::string>& items);
 // An int from a decimal text, with no limit on its digits (Python's limit
 // on converting long digit strings guards against a cost this avoids).
-Ref int_from_decimal(const Decimal& d);
+Ref int_object_unfit(const Integer& i);
+// An Integer as a Python int.
+inline Ref int_object(const Integer& i) { return i.fits() ? check(PyLong_FromLongLong(i.value)) : int_object_unfit(i); }
 Ref int_from_digits(std::string_view ascii_digits);
 // The text form of `repo_root` (str() of it) for the process's working
 // directory, in the operating system's encoding.

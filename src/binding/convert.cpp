@@ -136,10 +136,7 @@ Ref int_from_digits(std::string_view ascii) {
     return negative ? check(PyNumber_Negative(value.get())) : value;
 }
 
-Ref int_from_decimal(const Decimal& d) {
-    if (d.fits) return check(PyLong_FromLongLong(d.value));
-    return int_from_digits(ascii_digits(d.text));
-}
+Ref int_object_unfit(const Integer& i) { return int_from_digits(*i.digits); }
 
 std::string fs_bytes(PyObject* str, const char* what) {
     Ref bytes = check(PyUnicode_EncodeFSDefault(str));

@@ -74,7 +74,7 @@ private:
 };
 
 // Counts as the native reader gives them, or as the host's `_line_count`.
-Ref count_object(const Decimal& d) { return int_from_decimal(d); }
+Ref count_object(const Integer& i) { return int_object(i); }
 Ref count_object(const Ref& r) { return r ? r : check(PyLong_FromLong(0)); }
 
 // The change steps when the host replaced `_TWO_PATH_LETTERS` or
@@ -90,7 +90,7 @@ struct HostChangeSteps {
         return check(PySequence_Contains(letters.get(), key.get())) == 1;
     }
     Count line_count(std::string_view field) const {
-        if (!counter) return int_from_decimal(git_utils::line_count(field));
+        if (!counter) return int_object(git_utils::line_count(field));
         Ref arg = str_from_utf8(field);
         return invoke(counter.get(), {arg.get()});
     }
@@ -165,7 +165,7 @@ Ref file_changes_of_tokens(const Call& call, std::span<const std::string_view> t
     ChangeSteps steps(call);
     FileChangeBuilder builder(call, ascii, false);
     if (steps.native()) {
-        std::vector<FileEntry<Decimal>> entries;
+        std::vector<FileEntry<Integer>> entries;
         without_gil(bytes >= kReleaseThreshold, [&] { entries = file_entries(tokens); });
         return file_change_list(builder, entries);
     }
@@ -204,8 +204,8 @@ public:
         : host_(call.is_own(_file_changes, file_changes) ? Ref() : file_changes), steps_(call),
           parser_(steps_.host), builder_(call, ascii, true), maker_(call, COMMIT_CHANGES), ascii_(ascii) {}
 
-    void commit(const DecimalInteger& time, std::span<const std::string_view> body) {
-        Ref timestamp = int_from_decimal(time);
+    void commit(const Integer& time, std::span<const std::string_view> body) {
+        Ref timestamp = int_object(time);
         Ref files;
         if (host_) {
             ListBuilder tokens;
@@ -254,7 +254,7 @@ Ref commit_changes_of_view(const Call& call, std::string_view text, bool ascii) 
         GcPause pause(sealed);
         ListBuilder commits(sealed, false, log.commits.size());
         for (const CommitEntry& c : log.commits) {
-            Ref timestamp = int_from_decimal(c.time);
+            Ref timestamp = int_object(c.time);
             ListBuilder files(sealed, true, c.file_count);
             for (const auto& f : log.files_of(c)) files.add(builder.make(f));
             Ref tuple = files.tuple();
@@ -448,11 +448,11 @@ public:
 
     bool hunk_header(std::string_view line, HunkHeader<Ref>& h) {
         if (!header_) {
-            HunkHeader<Decimal> d;
+            HunkHeader<Integer> d;
             if (!match_hunk_header(line, d)) return false;
-            h.start = int_from_decimal(d.start);
-            if (d.old_count) h.old_count = int_from_decimal(*d.old_count);
-            if (d.new_count) h.new_count = int_from_decimal(*d.new_count);
+            h.start = int_object(d.start);
+            if (d.old_count) h.old_count = int_object(*d.old_count);
+            if (d.new_count) h.new_count = int_object(*d.new_count);
             return true;
         }
         Ref text = str_from_utf8(line);
@@ -496,8 +496,7 @@ private:
         if (PyUnicode_Check(g.get())) {
             std::string scratch;
             const std::string_view digits = utf8_view(g.get(), scratch);
-            const DecimalInteger d = read_decimal_integer(digits);
-            if (d.valid) return int_from_decimal(d);  // any number of digits
+            if (const std::optional<Integer> i = read_decimal_integer(digits)) return int_object(*i);  // any number of digits
         }
         return check(PyNumber_Long(g.get()));  // int()'s own reading, and its error
     }
@@ -517,6 +516,8 @@ bool native_span_steps(const Call& call) {
     return call.is_own(_C_ESCAPES, table) && native_letters(table);
 }
 
+constexpr std::size_t kSharedLines = 1 << 14;
+
 Ref line_spans_of_view(const Call& call, std::string_view text) {
     if (native_span_steps(call)) {
         NativeSpans spans;
@@ -527,9 +528,18 @@ Ref line_spans_of_view(const Call& call, std::string_view text) {
             std::vector<ListBuilder> lists;
             lists.reserve(spans.names.size());
             for (std::size_t count : spans.counts) lists.emplace_back(maker.sealed(), false, count);
+            // The files of a patch repeat each other's line numbers: one int
+            // per small value, made when first needed (ints are immutable).
+            std::vector<Ref> small(std::min<std::size_t>(kSharedLines, 2 * spans.spans.size()));
+            auto line_number = [&](std::int64_t n) {
+                if (n < 0 || static_cast<std::size_t>(n) >= small.size()) return check(PyLong_FromLongLong(n));
+                Ref& shared = small[static_cast<std::size_t>(n)];
+                if (!shared) shared = check(PyLong_FromLongLong(n));
+                return shared;
+            };
             for (const auto& [path, s] : spans.spans) {
-                Ref start = check(PyLong_FromLongLong(s.start));
-                Ref end = s.end == s.start ? start : check(PyLong_FromLongLong(s.end));
+                Ref start = line_number(s.start);
+                Ref end = s.end == s.start ? start : line_number(s.end);
                 lists[path].add(line_span_record(maker, start.get(), end.get(), s.added));
             }
             Ref result = check(PyDict_New());
@@ -551,31 +561,31 @@ Ref line_spans_of_view(const Call& call, std::string_view text) {
 
 // --- entry points ----------------------------------------------------------------
 
+namespace {
+// A parser as the namespace holds it: the host's function is given the text
+// as a str; the module's own reads the text's UTF-8 in place.
+template <class Own>
+Ref parser_through_namespace(const Call& call, Name name, Text& text, Own&& own) {
+    Ref fn = call.get(name);
+    if (call.is_own(name, fn)) return own(text.view());
+    Ref str = text.object();
+    return invoke(fn.get(), {str.get()});
+}
+}  // namespace
+
 Ref file_changes_of(const Call& call, Text& text) {
-    Ref fn = call.get(parse_file_changes);
-    if (!call.is_own(parse_file_changes, fn)) {
-        Ref str = text.object();
-        return invoke(fn.get(), {str.get()});
-    }
-    return file_changes_of_view(call, text.view(), text.ascii());
+    return parser_through_namespace(call, parse_file_changes, text,
+                                    [&](std::string_view v) { return file_changes_of_view(call, v, text.ascii()); });
 }
 
 Ref commit_changes_of(const Call& call, Text& text) {
-    Ref fn = call.get(parse_commit_changes);
-    if (!call.is_own(parse_commit_changes, fn)) {
-        Ref str = text.object();
-        return invoke(fn.get(), {str.get()});
-    }
-    return commit_changes_of_view(call, text.view(), text.ascii());
+    return parser_through_namespace(call, parse_commit_changes, text,
+                                    [&](std::string_view v) { return commit_changes_of_view(call, v, text.ascii()); });
 }
 
 Ref line_spans_of(const Call& call, Text& text) {
-    Ref fn = call.get(parse_line_spans);
-    if (!call.is_own(parse_line_spans, fn)) {
-        Ref str = text.object();
-        return invoke(fn.get(), {str.get()});
-    }
-    return line_spans_of_view(call, text.view());
+    return parser_through_namespace(call, parse_line_spans, text,
+                                    [&](std::string_view v) { return line_spans_of_view(call, v); });
 }
 
 Ref impl(const Call& call, Args<parse_file_changes> args) {
@@ -616,7 +626,7 @@ Ref impl(const Call& call, Args<_file_changes> args) {
 Ref impl(const Call&, Args<_line_count> args) {
     require_str(args.field(), "_line_count", "field");
     std::string scratch;
-    return int_from_decimal(line_count(utf8_view(args.field(), scratch)));
+    return int_object(line_count(utf8_view(args.field(), scratch)));
 }
 
 Ref impl(const Call& call, Args<parse_commit_changes> args) {

@@ -96,9 +96,7 @@ private:
 
 Ref text_or_none(const std::optional<std::string>& text) { return text ? str_from_utf8(*text) : Ref::borrow(Py_None); }
 
-Ref integer_object(const Integer& i) {
-    return i.digits.empty() ? check(PyLong_FromLongLong(i.value)) : int_from_digits(i.digits);
-}
+
 
 // A `start` as the operating system names it: os.fspath, then its bytes; no
 // value for a name the system cannot represent (it is in no repository).
@@ -175,7 +173,7 @@ Ref impl(const Call& call, Args<get_authors_for_period> args) {
     ListBuilder list;
     git_utils::authors_for_period(git, since, [&](std::string_view name, std::string_view email, const Integer& commits) {
         Ref name_object = str_from_utf8(name), email_object = str_from_utf8(email);
-        Ref count = integer_object(commits);
+        Ref count = int_object(commits);
         list.add(check(Py_BuildValue("{s:O,s:O,s:O}", "name", name_object.get(), "email", email_object.get(), "commits",
                                      count.get())));
     });
@@ -192,7 +190,7 @@ Ref impl(const Call& call, Args<count_commits> args) {
     const std::string base = str_argument(args.base(), "count_commits", "base");
     const std::string head = str_argument(args.head(), "count_commits", "head");
     BindingGit git(call, args.repo_root());
-    return integer_object(git_utils::count_commits(git, base, head));
+    return int_object(git_utils::count_commits(git, base, head));
 }
 
 Ref impl(const Call& call, Args<commit_before> args) {

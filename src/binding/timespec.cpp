@@ -39,7 +39,7 @@ public:
             if (const std::optional<std::uint64_t> micros = unit_micros(utf8_of(unit.get())))
                 return local(subtract_span(local_now(), rel.digits, *micros));
         }
-        Ref amount = int_from_decimal(read_decimal_integer(rel.digits));
+        Ref amount = int_object(read_decimal_integer(rel.digits).value_or(Integer()));
         Ref now = call_method(datetime_.get(), "now");
         Ref kwargs = check(PyDict_New());
         check(PyDict_SetItem(kwargs.get(), unit.get(), amount.get()));

@@ -55,21 +55,14 @@ inline std::uint64_t hash_path(std::string_view s, std::uint64_t seed) {
 }
 
 // A count as an unsigned 64-bit number; counts beyond it saturate.
-std::uint64_t count_value(const Decimal& d) {
-    if (d.fits) return static_cast<std::uint64_t>(d.value);
-    constexpr std::uint64_t kMax = std::numeric_limits<std::uint64_t>::max();
-    std::uint64_t value = 0;
+std::uint64_t count_value(const Integer& count) {
+    if (count.fits()) return static_cast<std::uint64_t>(count.value);
     std::size_t pos = 0;
-    while (pos < d.text.size()) {
-        const int digit = read_decimal_digit(d.text, pos);
-        if (digit < 0) break;
-        if (value > (kMax - static_cast<unsigned>(digit)) / 10) return kMax;
-        value = value * 10 + static_cast<unsigned>(digit);
-    }
-    return value;
+    const DigitRun run = read_digits(*count.digits, pos, std::numeric_limits<std::uint64_t>::max());
+    return run.fits ? run.magnitude : std::numeric_limits<std::uint64_t>::max();
 }
 
-FileChange to_record(const FileEntry<Decimal>& e) {
+FileChange to_record(const FileEntry<Integer>& e) {
     FileChange f;
     f.path.assign(e.path);
     f.status.assign(status_text(e.letter));
@@ -83,7 +76,7 @@ FileChange to_record(const FileEntry<Decimal>& e) {
 class NativeLogSink {
 public:
     explicit NativeLogSink(CommitLog& log) : log_(log), parser_(steps_) {}
-    void commit(const DecimalInteger& time, std::span<const std::string_view> body) {
+    void commit(const Integer& time, std::span<const std::string_view> body) {
         CommitEntry& c = log_.commits.emplace_back();
         c.time = time;
         c.first_file = log_.files.size();
@@ -143,17 +136,12 @@ std::vector<std::string_view> split_nul(std::string_view output) {
     // A guess (git's tokens run to a few dozen bytes); counting the NULs
     // first would read the whole text once more.
     tokens.reserve(output.size() / 24 + 1);
-    const char* p = output.data();
-    const char* end = p + output.size();
-    for (;;) {
-        const void* nul = p == end ? nullptr : std::memchr(p, '\0', static_cast<std::size_t>(end - p));
-        if (!nul) {
-            tokens.emplace_back(p, static_cast<std::size_t>(end - p));
-            return tokens;
-        }
-        const char* q = static_cast<const char*>(nul);
-        tokens.emplace_back(p, static_cast<std::size_t>(q - p));
-        p = q + 1;
+    ByteFinder nuls(output, '\0');
+    for (std::size_t start = 0;;) {
+        const std::size_t nul = nuls.next();
+        tokens.push_back(output.substr(start, nul - start));
+        if (nul == output.size()) return tokens;
+        start = nul + 1;
     }
 }
 
@@ -161,10 +149,10 @@ void throw_invalid_stamp(std::string_view stamp) {
     throw std::invalid_argument("invalid literal for int() with base 10: " + python_repr(stamp));
 }
 
-std::vector<FileEntry<Decimal>> file_entries(std::span<const std::string_view> tokens) {
+std::vector<FileEntry<Integer>> file_entries(std::span<const std::string_view> tokens) {
     NativeChangeSteps steps;
     FileChangeParser<NativeChangeSteps> parser(steps);
-    std::vector<FileEntry<Decimal>> entries;
+    std::vector<FileEntry<Integer>> entries;
     // One file takes at least three tokens (header, path, numstat).
     entries.reserve(tokens.size() / 3 + 1);
     parser.parse(tokens, entries);
@@ -173,6 +161,11 @@ std::vector<FileEntry<Decimal>> file_entries(std::span<const std::string_view> t
 
 CommitLog commit_log(std::string_view output, std::string_view commit_start) {
     CommitLog log;
+    // Room for the files at once: growing would copy the entries and touch
+    // fresh pages at each step. A file's records take about 100 bytes (raw
+    // header, path, numstat), so this is rarely too little (the vector then
+    // grows as usual) and never much more than the log itself.
+    log.files.reserve(output.size() / 96 + 1);
     NativeLogSink sink(log);
     scan_commit_log(output, commit_start, sink);
     log.distinct_paths = sink.distinct_paths();
@@ -181,7 +174,7 @@ CommitLog commit_log(std::string_view output, std::string_view commit_start) {
 
 std::vector<FileChange> parse_file_changes(std::string_view output) {
     const std::vector<std::string_view> tokens = split_nul(output);
-    const std::vector<FileEntry<Decimal>> entries = file_entries(tokens);
+    const std::vector<FileEntry<Integer>> entries = file_entries(tokens);
     std::vector<FileChange> records;
     records.reserve(entries.size());
     for (const auto& e : entries) records.push_back(to_record(e));
@@ -193,8 +186,8 @@ std::vector<CommitChanges> parse_commit_changes(std::string_view output) {
     std::vector<CommitChanges> commits;
     commits.reserve(log.commits.size());
     for (const CommitEntry& c : log.commits) {
-        if (!c.time.fits)
-            throw std::out_of_range("commit time does not fit a 64-bit integer: " + std::string(c.time.text));
+        if (!c.time.fits())
+            throw std::out_of_range("commit time does not fit a 64-bit integer: " + *c.time.digits);
         CommitChanges& record = commits.emplace_back();
         record.timestamp = c.time.value;
         record.files.reserve(c.file_count);

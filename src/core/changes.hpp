@@ -128,8 +128,11 @@ public:
                 const std::string_view tail = space == std::string_view::npos ? token : token.substr(space + 1);
                 std::string_view letter;
                 if (!tail.empty()) {
-                    std::size_t end = 0;
-                    next_char(tail, end);
+                    std::size_t end = 1;  // an ASCII letter, as git writes it
+                    if (static_cast<unsigned char>(tail[0]) >= 0x80) {
+                        end = 0;
+                        next_char(tail, end);
+                    }
                     letter = tail.substr(0, end);
                 }
                 std::optional<std::string_view> old_path;
@@ -141,9 +144,9 @@ public:
 
             // Numstat record: added TAB deleted TAB path; a token with fewer
             // than two TABs is skipped on its own.
-            const std::size_t tab1 = token.find('\t');
+            const std::size_t tab1 = find_near(token, '\t', 0);
             if (tab1 == std::string_view::npos) continue;
-            const std::size_t tab2 = token.find('\t', tab1 + 1);
+            const std::size_t tab2 = find_near(token, '\t', tab1 + 1);
             if (tab2 == std::string_view::npos) continue;
             std::string_view path = token.substr(tab2 + 1);
             if (path.empty()) {
@@ -161,6 +164,14 @@ public:
 
 private:
     static constexpr std::size_t kNone = static_cast<std::size_t>(-1);
+
+    // `text.find(c, from)` for what is usually a few bytes away (the counts
+    // of a numstat record), without a call to memchr.
+    static std::size_t find_near(std::string_view text, char c, std::size_t from) {
+        for (std::size_t i = from; i < text.size(); ++i)
+            if (text[i] == c) return i;
+        return std::string_view::npos;
+    }
 
     // Where a path's records went in the current diff.
     struct Place {
@@ -232,7 +243,7 @@ private:
 
 // The native steps: the library's own letter table and count reader.
 struct NativeChangeSteps {
-    using Count = Decimal;
+    using Count = Integer;
     bool two_path(std::string_view letter) const { return default_two_path_letter(letter); }
     Count line_count(std::string_view field) const { return git_utils::line_count(field); }
 };
@@ -256,33 +267,35 @@ void scan_commit_log(std::string_view output, std::string_view commit_start, Sin
     // The tokens of the open commit only: a whole log's tokens would take
     // more memory than the log itself.
     std::vector<std::string_view> body;
-    std::optional<DecimalInteger> open;
+    std::optional<Integer> open;
 
-    const char* p = output.data();
-    const char* const end = p + output.size();
+    ByteFinder nuls(output, '\0');
+    std::size_t start = 0;
     for (;;) {
-        const void* nul = p == end ? nullptr : std::memchr(p, '\0', static_cast<std::size_t>(end - p));
-        const char* token_end = nul ? static_cast<const char*>(nul) : end;
-        const std::string_view token(p, static_cast<std::size_t>(token_end - p));
+        const std::size_t nul = nuls.next();
+        const std::string_view token = output.substr(start, nul - start);
 
         std::size_t lf = 0;
         while (lf < token.size() && token[lf] == '\n') ++lf;
         const std::string_view rest = token.substr(lf);
-        if (rest.substr(0, commit_start.size()) == commit_start) {
+        // The first byte decides nearly always, without a call to memcmp.
+        if (commit_start.empty() ||
+            (!rest.empty() && rest[0] == commit_start[0] && rest.substr(0, commit_start.size()) == commit_start)) {
             if (open) sink.commit(*open, std::span<const std::string_view>(body));
             body.clear();
             std::size_t first = 0;
             if (!rest.empty()) next_char(rest, first);  // the opening character is dropped
-            const DecimalInteger time = read_decimal_integer(strip(rest.substr(first)));
+            const std::string_view stamp = strip(rest.substr(first));
+            std::optional<Integer> time = read_decimal_integer(stamp);
             // The parse fails as this commit closes; nothing after it is read.
-            if (!time.valid) throw_invalid_stamp(time.text);
-            open = time;
+            if (!time) throw_invalid_stamp(stamp);
+            open = std::move(time);
         } else if (open) {
             body.push_back(token);
         }
 
-        if (!nul) break;
-        p = token_end + 1;
+        if (nul == output.size()) break;
+        start = nul + 1;
     }
     if (open) sink.commit(*open, std::span<const std::string_view>(body));
 }
@@ -291,23 +304,23 @@ void scan_commit_log(std::string_view output, std::string_view commit_start, Sin
 // commit's files in one array (one allocation for the log rather than one
 // per commit).
 struct CommitEntry {
-    DecimalInteger time;
+    Integer time;
     std::size_t first_file = 0;  // its files: CommitLog::files[first_file, +file_count)
     std::size_t file_count = 0;
 };
 struct CommitLog {
     std::vector<CommitEntry> commits;
-    std::vector<FileEntry<Decimal>> files;
+    std::vector<FileEntry<Integer>> files;
     std::size_t distinct_paths = 0;  // path ids of `files` are below this
 
-    std::span<const FileEntry<Decimal>> files_of(const CommitEntry& c) const {
-        return std::span<const FileEntry<Decimal>>(files).subspan(c.first_file, c.file_count);
+    std::span<const FileEntry<Integer>> files_of(const CommitEntry& c) const {
+        return std::span<const FileEntry<Integer>>(files).subspan(c.first_file, c.file_count);
     }
 };
 
 // `_file_changes` and `parse_commit_changes` with the native steps, as views
 // into `output` (which must outlive the result).
-std::vector<FileEntry<Decimal>> file_entries(std::span<const std::string_view> tokens);
+std::vector<FileEntry<Integer>> file_entries(std::span<const std::string_view> tokens);
 CommitLog commit_log(std::string_view output, std::string_view commit_start = COMMIT_START);
 
 }  // namespace git_utils

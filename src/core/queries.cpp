@@ -92,14 +92,9 @@ std::vector<std::string> authors(const Moment& since) {
 // ---------------------------------------------------------------------------
 
 Integer read_integer(std::string_view text) {
-    const DecimalInteger d = read_decimal_integer(text);
-    if (!d.valid) throw std::invalid_argument("invalid literal for int() with base 10: " + python_repr(text));
-    Integer i;
-    if (d.fits)
-        i.value = d.value;
-    else
-        i.digits = ascii_digits(d.text);
-    return i;
+    std::optional<Integer> i = read_decimal_integer(text);
+    if (!i) throw std::invalid_argument("invalid literal for int() with base 10: " + python_repr(text));
+    return std::move(*i);
 }
 
 void parse_shortlog(std::string_view output, const AddAuthor& add) {
@@ -189,7 +184,7 @@ private:
 };
 
 std::int64_t to_int64(const Integer& i) {
-    if (!i.digits.empty()) throw std::out_of_range("integer does not fit 64 bits: " + i.digits);
+    if (!i.fits()) throw std::out_of_range("integer does not fit 64 bits: " + *i.digits);
     return i.value;
 }
 

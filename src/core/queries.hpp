@@ -61,12 +61,6 @@ std::vector<std::string> authors(const Moment& since);
 // Readers shared by the queries
 // ---------------------------------------------------------------------------
 
-// An integer read from git's output, owned: its value, or its digits when
-// they do not fit 64 bits.
-struct Integer {
-    std::int64_t value = 0;
-    std::string digits;  // non-empty when the value does not fit
-};
 
 // A decimal integer (an optional sign, then decimal digits), or
 // std::invalid_argument worded as Python's int() words it.

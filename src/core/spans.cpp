@@ -8,27 +8,21 @@ namespace {
 
 constexpr std::int64_t kInt64Max = std::numeric_limits<std::int64_t>::max();
 
-// Reads one or more digits at `pos` into `d`; false when there is none.
-bool read_number(std::string_view line, std::size_t& pos, Decimal& d) {
+// Reads one or more digits at `pos` into `n`; false when there is none.
+bool read_number(std::string_view line, std::size_t& pos, Integer& n) {
     const std::size_t begin = pos;
-    std::uint64_t value = 0;
-    bool fits = true;
-    while (pos < line.size()) {
-        const int digit = read_decimal_digit(line, pos);
-        if (digit < 0) break;
-        if (fits && value <= (static_cast<std::uint64_t>(kInt64Max) - static_cast<unsigned>(digit)) / 10)
-            value = value * 10 + static_cast<unsigned>(digit);
-        else
-            fits = false;
-    }
-    if (pos == begin) return false;
-    d.text = line.substr(begin, pos - begin);
-    d.fits = fits;
-    d.value = fits ? static_cast<std::int64_t>(value) : 0;
+    const DigitRun run = read_digits(line, pos);
+    if (run.count == 0) return false;
+    n = integer_of(line, begin, pos, run, false);
     return true;
 }
 
-inline std::int64_t saturated(const Decimal& d) { return d.fits ? d.value : kInt64Max; }
+// The same, saturated: a number beyond 64 bits reads as the largest.
+bool read_saturated(std::string_view line, std::size_t& pos, std::int64_t& n) {
+    const DigitRun run = read_digits(line, pos);
+    n = run.fits ? static_cast<std::int64_t>(run.magnitude) : kInt64Max;
+    return run.count != 0;
+}
 
 // Names as the native `_patch_path` makes them, owned.
 struct NativePathSteps {
@@ -44,7 +38,9 @@ struct NativePathSteps {
 // first.
 class NativeSpanSteps {
 public:
-    using Number = Decimal;
+    // Saturated: what a span needs, and too large only where git never goes
+    // (`exact` then sends the patch to Python's integers).
+    using Number = std::int64_t;
     using Path = std::size_t;  // index of the "+++ " line among those naming a newer side
 
     explicit NativeSpanSteps(NativeSpans& out) : out_(out) {}
@@ -63,14 +59,14 @@ public:
         return lines_.size() - 1;
     }
     static bool present(Path p) { return p != kNoValue; }
-    static bool hunk_header(std::string_view line, HunkHeader<Decimal>& h) {
+    static bool hunk_header(std::string_view line, HunkHeader<std::int64_t>& h) {
         // Most lines outside hunks are file headers: skip them without a call.
-        return !line.empty() && line[0] == '@' && match_hunk_header(line, h);
+        return !line.empty() && line[0] == '@' && match_hunk_header_with(line, h, read_saturated);
     }
-    static Decimal one() { return Decimal{{}, 1}; }
-    static std::int64_t counter(const Decimal& d) { return saturated(d); }
+    static std::int64_t one() { return 1; }
+    static std::int64_t counter(std::int64_t n) { return n; }
 
-    void hunk(Path p, const Decimal& start, const Decimal& new_count, const Decimal& old_count) {
+    void hunk(Path p, std::int64_t start, std::int64_t new_count, std::int64_t old_count) {
         std::size_t& path = lines_[p].path;
         if (path == kUnset) {
             auto [it, inserted] = by_name_.try_emplace(lines_[p].name, out_.names.size());
@@ -80,10 +76,11 @@ public:
             }
             path = it->second;
         }
-        if (!start.fits || !new_count.fits || !old_count.fits || start.value > (kInt64Max >> 1) ||
-            new_count.value > (kInt64Max >> 1))
-            out_.exact = false;
-        const SpanOf<Saturating> s = span_of<Saturating>(saturated(start), saturated(new_count), saturated(old_count));
+        // Past half the range a span's end may overflow (and past the whole
+        // range the number was saturated); an older side's count only
+        // decides whether lines were removed, which saturation keeps.
+        if (start > (kInt64Max >> 1) || new_count > (kInt64Max >> 1)) out_.exact = false;
+        const SpanOf<Saturating> s = span_of<Saturating>(start, new_count, old_count);
         ++out_.counts[path];
         out_.spans.emplace_back(path, LineSpan{s.start.v, s.end.v, s.added});
     }
@@ -102,25 +99,8 @@ private:
 
 }  // namespace
 
-bool match_hunk_header(std::string_view line, HunkHeader<Decimal>& header) {
-    if (line.size() < 4 || std::memcmp(line.data(), "@@ -", 4) != 0) return false;
-    std::size_t pos = 4;
-    Decimal number;
-    if (!read_number(line, pos, number)) return false;  // the older side's start, unused
-    if (pos < line.size() && line[pos] == ',') {
-        ++pos;
-        if (!read_number(line, pos, number)) return false;
-        header.old_count = number;
-    }
-    if (line.size() - pos < 2 || line[pos] != ' ' || line[pos + 1] != '+') return false;
-    pos += 2;
-    if (!read_number(line, pos, header.start)) return false;
-    if (pos < line.size() && line[pos] == ',') {
-        ++pos;
-        if (!read_number(line, pos, number)) return false;
-        header.new_count = number;
-    }
-    return line.size() - pos >= 3 && std::memcmp(line.data() + pos, " @@", 3) == 0;
+bool match_hunk_header(std::string_view line, HunkHeader<Integer>& header) {
+    return match_hunk_header_with(line, header, read_number);
 }
 
 char octal_escape_byte(std::string_view code) {

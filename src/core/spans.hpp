@@ -37,8 +37,33 @@ struct HunkHeader {
 // decimal digit, and the match need not reach the end of the line.
 inline constexpr const char* HUNK_HEADER_PATTERN = "@@ -\\d+(?:,(\\d+))? \\+(\\d+)(?:,(\\d+))? @@";
 
-// Matches HUNK_HEADER_PATTERN at the start of `line` (anything may follow).
-bool match_hunk_header(std::string_view line, HunkHeader<Decimal>& header);
+// Matches HUNK_HEADER_PATTERN at the start of `line` (anything may follow),
+// each number read by `read(line, pos, Number&)`: false when none is at
+// `pos`, else `pos` is moved past it.
+template <class Number, class Read>
+bool match_hunk_header_with(std::string_view line, HunkHeader<Number>& header, Read&& read) {
+    if (line.size() < 4 || std::memcmp(line.data(), "@@ -", 4) != 0) return false;
+    std::size_t pos = 4;
+    Number number{};
+    if (!read(line, pos, number)) return false;  // the older side's start, unused
+    if (pos < line.size() && line[pos] == ',') {
+        ++pos;
+        if (!read(line, pos, number)) return false;
+        header.old_count = std::move(number);
+    }
+    if (line.size() - pos < 2 || line[pos] != ' ' || line[pos + 1] != '+') return false;
+    pos += 2;
+    if (!read(line, pos, header.start)) return false;
+    if (pos < line.size() && line[pos] == ',') {
+        ++pos;
+        if (!read(line, pos, number)) return false;
+        header.new_count = std::move(number);
+    }
+    return line.size() - pos >= 3 && std::memcmp(line.data() + pos, " @@", 3) == 0;
+}
+
+// The same with each number exact.
+bool match_hunk_header(std::string_view line, HunkHeader<Integer>& header);
 
 // The patch, line by line. `Steps` provides:
 //   using Number;                                     // a number of a hunk header
@@ -57,23 +82,25 @@ void scan_patch(Steps& steps, std::string_view patch) {
     // Lines still expected in the current hunk on each side. They fall below
     // zero by at most one per line of the patch, so they cannot overflow.
     std::int64_t old_left = 0, new_left = 0;
-    const char* p = patch.data();
-    const char* const end = p + patch.size();
+    ByteFinder line_ends(patch, '\n');
+    std::size_t start = 0;
     for (;;) {
-        const void* lf = p == end ? nullptr : std::memchr(p, '\n', static_cast<std::size_t>(end - p));
-        const char* line_end = lf ? static_cast<const char*>(lf) : end;
-        const std::string_view line(p, static_cast<std::size_t>(line_end - p));
+        std::size_t lf = line_ends.next();
+        std::string_view line = patch.substr(start, lf - start);
 
         if (old_left > 0 || new_left > 0) {
-            if (!line.empty()) {
-                if (line[0] == '-') {
-                    --old_left;
-                } else if (line[0] == '+') {
-                    --new_left;
-                } else if (line[0] == ' ') {
-                    --old_left;
-                    --new_left;
+            // A hunk's lines, counted off by their first character alone, in
+            // a loop of their own: most of a patch is these lines.
+            for (;;) {
+                if (!line.empty()) {
+                    const char c = line[0];
+                    old_left -= (c == '-') | (c == ' ');
+                    new_left -= (c == '+') | (c == ' ');
                 }
+                if (lf == patch.size() || (old_left <= 0 && new_left <= 0)) break;
+                start = lf + 1;
+                lf = line_ends.next();
+                line = patch.substr(start, lf - start);
             }
         } else if (line.size() >= 4 && std::memcmp(line.data(), "+++ ", 4) == 0) {
             path = steps.patch_path(line.substr(4));
@@ -91,8 +118,8 @@ void scan_patch(Steps& steps, std::string_view patch) {
             }
         }
 
-        if (!lf) break;
-        p = line_end + 1;
+        if (lf == patch.size()) break;
+        start = lf + 1;
     }
 }
 

@@ -4,6 +4,10 @@
 
 #include "src/core/text.hpp"
 
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
 #include <limits>
 
 namespace git_utils {
@@ -253,89 +257,98 @@ std::size_t code_point_count(std::string_view text) {
     return count;
 }
 
-namespace {
-constexpr std::uint64_t kInt64Max = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
+namespace detail {
 
-// Reads digits from `pos` to the end of `text` into a magnitude of at most
-// `limit`; false when a character is not a digit. `fits` turns false once
-// the magnitude passes the limit (the digits are still checked).
-bool read_digits(std::string_view text, std::size_t pos, std::uint64_t limit, std::uint64_t& magnitude, bool& fits) {
-    if (pos >= text.size()) return false;
-    magnitude = 0;
-    fits = true;
+DigitRun read_unicode_digits(std::string_view text, std::size_t& pos, std::uint64_t limit, DigitRun run) {
     while (pos < text.size()) {
         const int digit = read_decimal_digit(text, pos);
-        if (digit < 0) return false;
-        if (!fits) continue;
-        if (magnitude > (limit - static_cast<unsigned>(digit)) / 10)
-            fits = false;
-        else
-            magnitude = magnitude * 10 + static_cast<unsigned>(digit);
+        if (digit < 0) break;
+        run.add(static_cast<unsigned>(digit), limit);
     }
-    return true;
+    return run;
 }
-// What git writes: 1 to 18 ASCII digits, which always fit, read inline.
-// False (and `value` unspecified) for anything else.
-inline bool read_short_ascii(std::string_view text, std::int64_t& value) {
-    if (text.empty() || text.size() > 18) return false;
-    std::int64_t v = 0;
-    for (const char ch : text) {
-        const unsigned c = static_cast<unsigned char>(ch) - '0';
-        if (c > 9) return false;
-        v = v * 10 + c;
+
+Integer unfit_integer(std::string_view text, std::size_t begin, std::size_t end, bool negative) {
+    // Rare (git writes no such number): the digits, each as its ASCII digit.
+    Integer i;
+    std::string digits = negative ? "-" : "";
+    for (std::size_t pos = begin; pos < end;) digits.push_back(static_cast<char>('0' + read_decimal_digit(text, pos)));
+    i.digits = std::make_shared<const std::string>(std::move(digits));
+    return i;
+}
+
+}  // namespace detail
+
+std::uint64_t byte_mask_words(const char* p, char byte) {
+    const std::uint64_t ones = 0x0101010101010101ULL, low7 = 0x7F7F7F7F7F7F7F7FULL;
+    std::uint64_t mask = 0;
+    for (int k = 0; k < 8; ++k) {
+        std::uint64_t w;
+        std::memcpy(&w, p + 8 * k, 8);
+        const std::uint64_t x = w ^ (ones * static_cast<unsigned char>(byte));  // matching bytes become zero
+        const std::uint64_t zero = ~(((x & low7) + low7) | x | low7);         // 0x80 in each zero byte, exactly
+        // The eight flags (bits 7, 15, ..., 63) gathered into one byte.
+        mask |= (((zero >> 7) * 0x0102040810204080ULL) >> 56) << (8 * k);
     }
-    value = v;
-    return true;
+    return mask;
+}
+
+namespace {
+inline std::uint64_t mask64(const char* p, char byte) {
+#if defined(__SSE2__)
+    const __m128i b = _mm_set1_epi8(byte);
+    std::uint64_t mask = 0;
+    for (int k = 0; k < 4; ++k) {
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(p + 16 * k));
+        mask |= static_cast<std::uint64_t>(static_cast<std::uint16_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, b))))
+                << (16 * k);
+    }
+    return mask;
+#else
+    return byte_mask_words(p, byte);
+#endif
+}
+
+// The last block, shorter than 64 bytes: padded with a byte that is not the
+// one sought.
+[[gnu::noinline]] std::uint64_t tail_mask(const char* p, std::size_t size, char byte) {
+    char tail[64];
+    std::memset(tail, ~byte, sizeof tail);
+    std::memcpy(tail, p, size);
+    return mask64(tail, byte);
 }
 }  // namespace
 
-DecimalInteger read_decimal_integer(std::string_view text) {
-    DecimalInteger d;
-    d.text = text;
-    if (read_short_ascii(text, d.value)) {
-        d.valid = true;
-        return d;
-    }
-    std::size_t pos = 0;
-    const bool negative = !text.empty() && text[0] == '-';
-    if (!text.empty() && (text[0] == '+' || text[0] == '-')) ++pos;
+std::uint64_t ByteFinder::block_mask() const {
+    const std::size_t left = text_.size() - block_;
+    if (left < 64) return tail_mask(text_.data() + block_, left, byte_);
+    return mask64(text_.data() + block_, byte_);
+}
+
+namespace {
+constexpr std::uint64_t kInt64Max = static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max());
+
+// The digits of `text` from `begin` to its end, all of them; none when
+// there are none or something else follows.
+std::optional<Integer> whole_number(std::string_view text, std::size_t begin, bool negative) {
+    std::size_t pos = begin;
     // A negative value reaches one further than a positive one.
-    std::uint64_t magnitude = 0;
-    if (!read_digits(text, pos, negative ? kInt64Max + 1 : kInt64Max, magnitude, d.fits)) return d;
-    d.valid = true;
-    if (d.fits) d.value = negative ? static_cast<std::int64_t>(0 - magnitude) : static_cast<std::int64_t>(magnitude);
-    return d;
+    const DigitRun run = read_digits(text, pos, negative ? kInt64Max + 1 : kInt64Max);
+    if (run.count == 0 || pos != text.size()) return std::nullopt;
+    return integer_of(text, begin, pos, run, negative);
+}
+}  // namespace
+
+std::optional<Integer> read_decimal_integer(std::string_view text) {
+    std::int64_t value;
+    if (detail::read_short_ascii(text, value)) return Integer(value);
+    const bool sign = !text.empty() && (text[0] == '+' || text[0] == '-');
+    return whole_number(text, sign ? 1 : 0, sign && text[0] == '-');
 }
 
-Decimal line_count(std::string_view field) {
-    Decimal d;
-    if (read_short_ascii(field, d.value)) {
-        d.text = field;
-        return d;
-    }
-    std::uint64_t magnitude = 0;
-    bool fits = true;
-    if (!read_digits(field, 0, kInt64Max, magnitude, fits)) return Decimal{};
-    d.text = field;
-    d.fits = fits;
-    if (fits) d.value = static_cast<std::int64_t>(magnitude);
-    return d;
-}
-
-std::string ascii_digits(std::string_view text) {
-    std::string out;
-    out.reserve(text.size());
-    std::size_t pos = 0;
-    while (pos < text.size()) {
-        const int digit = read_decimal_digit(text, pos);
-        if (digit >= 0) {
-            out.push_back(static_cast<char>('0' + digit));
-        } else {
-            out.push_back(text[pos] == '-' ? '-' : '+');
-            ++pos;
-        }
-    }
-    return out;
+Integer detail::line_count_slow(std::string_view field) {
+    std::optional<Integer> count = whole_number(field, 0, false);
+    return count ? std::move(*count) : Integer();
 }
 
 std::string python_repr(std::string_view text) {

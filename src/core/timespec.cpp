@@ -94,27 +94,6 @@ Moment from_micros(std::int64_t us) {
 
 bool in_calendar(std::int64_t us) { return us >= 0 && us <= kLastMicros; }
 
-// The relative amount as far as 64 bits go; `too_large` past them.
-struct Amount {
-    std::uint64_t value = 0;
-    bool too_large = false;
-};
-
-Amount read_amount(std::string_view digits) {
-    Amount a;
-    std::size_t pos = 0;
-    while (pos < digits.size()) {
-        const int value = read_decimal_digit(digits, pos);
-        if (value < 0) break;
-        if (a.too_large) continue;
-        if (a.value > (std::numeric_limits<std::uint64_t>::max() - 9) / 10)
-            a.too_large = true;
-        else
-            a.value = a.value * 10 + static_cast<unsigned>(value);
-    }
-    return a;
-}
-
 // ---------------------------------------------------------------------------
 // ISO 8601 form
 // ---------------------------------------------------------------------------
@@ -318,14 +297,9 @@ void throw_outside_calendar(std::string_view since) {
 }
 
 bool positive_amount(std::string_view digits) {
-    bool any = false;
     std::size_t pos = 0;
-    while (pos < digits.size()) {
-        const int value = read_decimal_digit(digits, pos);
-        if (value < 0) return false;
-        any = any || value > 0;
-    }
-    return any;
+    const DigitRun run = read_digits(digits, pos, std::numeric_limits<std::uint64_t>::max());
+    return pos == digits.size() && (!run.fits || run.magnitude > 0);
 }
 
 std::optional<RelativeSince> match_relative_since(std::string_view trimmed) {
@@ -337,8 +311,8 @@ std::optional<RelativeSince> match_relative_since(std::string_view trimmed) {
     // The unit is one ASCII byte, so the digits end on a character boundary.
     const std::string_view digits = trimmed.substr(0, trimmed.size() - 1);
     std::size_t pos = 0;
-    while (pos < digits.size())
-        if (read_decimal_digit(digits, pos) < 0) return std::nullopt;
+    read_digits(digits, pos);
+    if (pos != digits.size()) return std::nullopt;
     return RelativeSince{digits, unit};
 }
 
@@ -353,10 +327,11 @@ std::optional<std::uint64_t> unit_micros(std::string_view name) {
 }
 
 Moment subtract_span(const Moment& now, std::string_view digits, std::uint64_t unit) {
-    const Amount amount = read_amount(digits);
+    std::size_t pos = 0;
+    const DigitRun amount = read_digits(digits, pos, std::numeric_limits<std::uint64_t>::max());
     const std::int64_t start = to_micros(now);
     std::uint64_t span = 0;
-    if (amount.too_large || __builtin_mul_overflow(amount.value, unit, &span) || start < 0 ||
+    if (!amount.fits || __builtin_mul_overflow(amount.magnitude, unit, &span) || start < 0 ||
         span > static_cast<std::uint64_t>(start))
         throw OutsideCalendar();
     return from_micros(start - static_cast<std::int64_t>(span));
