@@ -182,11 +182,6 @@ inline constexpr std::string_view DEFAULT_DIFF_FILTER = "MR";  // the files diff
 std::vector<std::vector<std::string>> path_batches(const std::vector<std::string>& paths,
                                                    std::int64_t budget = MAX_PATHSPEC_CHARS);
 
-// The queries' defaults: the period of get_authors_for_period, the kinds of
-// change diff_line_spans follows (modified and renamed).
-inline constexpr std::string_view DEFAULT_SINCE = "30d";
-inline constexpr std::string_view DEFAULT_DIFF_FILTER = "MR";
-
 std::optional<std::string> resolve_display_branch(const std::string& repo_root);
 std::string get_default_branch(const std::string& repo_root);
 bool branch_exists(const std::string& repo_root, std::string_view branch);
