@@ -1,5 +1,5 @@
-"""Fixtures: real git repositories built once per session, with git isolated
-from the user's configuration and fixed identities and dates."""
+# Fixtures: real git repositories built once per session, with git isolated
+# from the user's configuration and fixed identities and dates.
 
 import os
 import shutil
@@ -51,7 +51,7 @@ def commit_file(repo, name, content, message, date="2024-01-01T12:00:00+00:00"):
 
 @pytest.fixture(scope="session")
 def repo(tmp_path_factory):
-    """A small repository with a main branch and a few commits."""
+    # A small repository with a main branch and a few commits.
     root = tmp_path_factory.mktemp("repo")
     git(root, "init", "-q", "-b", "main")
     commit_file(root, "a.txt", "one\ntwo\n", "first", date="2024-01-01T12:00:00+00:00")
@@ -61,7 +61,7 @@ def repo(tmp_path_factory):
 
 @pytest.fixture()
 def module_state():
-    """Restores every name of the module that a test replaces."""
+    # Restores every name of the module that a test replaces.
     saved = dict(vars(git_utils))
     yield git_utils
     for name in list(vars(git_utils)):

@@ -1,7 +1,7 @@
-"""Bad values at the boundary: every parameter of every public operation, given
-a value of the wrong kind or of absurd size, gives the error a Python caller
-expects or the documented answer, never a crash or a hang. Also the host's own
-code running in the middle of a call, which must not free what is being read."""
+# Bad values at the boundary: every parameter of every public operation, given
+# a value of the wrong kind or of absurd size, gives the error a Python caller
+# expects or the documented answer, never a crash or a hang. Also the host's own
+# code running in the middle of a call, which must not free what is being read.
 
 import gc
 import inspect
@@ -75,7 +75,7 @@ def watchdog(monkeypatch, tmp_path):
 
 
 def valid_arguments(f, repo):
-    """Valid values for the required parameters of operation `f`."""
+    # Valid values for the required parameters of operation `f`.
     return {p.name: (datetime(2000, 1, 1) if p.annotation is datetime else "3650d") if p.name == "since"
             else VALID[p.name] if VALID.get(p.name) is not None else repo
             for p in inspect.signature(f).parameters.values() if p.default is inspect.Parameter.empty}
@@ -118,7 +118,7 @@ PATCH = '+++ "q\\tr \\303\\251"\t\n@@ -1,2 +3 @@\n-x\n-y\n+z\n+++ b\n@@ -0,0 +1,
 
 
 def churn():
-    """Allocate blocks of the sizes just freed, so that a stale read sees other bytes."""
+    # Allocate blocks of the sizes just freed, so that a stale read sees other bytes.
     junk = [("Z" * 2000 + str(i))[:2000] for i in range(2000)]
     gc.collect()
     return junk
@@ -129,9 +129,9 @@ def fresh(text):
 
 
 class Rebinding:
-    """Stands in for a module name: each use rebinds the name to a fresh
-    stand-in (and churns memory) before doing what the original does, so a
-    call that held the name borrowed reads freed memory."""
+    # Stands in for a module name: each use rebinds the name to a fresh
+    # stand-in (and churns memory) before doing what the original does, so a
+    # call that held the name borrowed reads freed memory.
 
     def __init__(self, name, original):
         self.name, self.original = name, original
@@ -218,15 +218,15 @@ def test_every_name_the_library_reads_is_in_the_table():
 
 
 def rebind(name, original):
-    """Rebinds `name` to a fresh stand-in, churns memory, and gives the original."""
+    # Rebinds `name` to a fresh stand-in, churns memory, and gives the original.
     setattr(g, name, stand_in(name, original))
     churn()
     return original
 
 
 def stand_in(name, original):
-    """A stand-in for `name` of the original's own kind where the library
-    reads it as a value (a text, a number, the error class)."""
+    # A stand-in for `name` of the original's own kind where the library
+    # reads it as a value (a text, a number, the error class).
     if isinstance(original, (str, int)):
         class Value(type(original)):
             def __str__(self):
@@ -258,7 +258,7 @@ def test_a_name_rebound_by_its_own_use(repo, module_state, monkeypatch, name):
 
 # What the host's own code can do wrong, and what the caller then sees.
 class Raiser:
-    """A subprocess without TimeoutExpired whose run raises."""
+    # A subprocess without TimeoutExpired whose run raises.
 
     @staticmethod
     def run(*args, **kwargs):

@@ -1,5 +1,5 @@
-"""Repository queries, roots, branch names and period starts: exact git argument
-lists through a recording runner, and behaviour against real repositories."""
+# Repository queries, roots, branch names and period starts: exact git argument
+# lists through a recording runner, and behaviour against real repositories.
 
 import json
 import logging
@@ -105,7 +105,7 @@ SYM, RPV = ["symbolic-ref", "refs/remotes/origin/HEAD"], ["rev-parse", "--verify
 
 
 def install(module, answers, via="runner"):
-    """Answers git runs from a list of triples (the last one repeats) and records them."""
+    # Answers git runs from a list of triples (the last one repeats) and records them.
     rec = SimpleNamespace(calls=[], roots=[])
 
     def run(repo_root, args):

@@ -1,5 +1,5 @@
-"""The report command on every checkout shape, checked against git's own answers,
-and its text output for escaping and column widths."""
+# The report command on every checkout shape, checked against git's own answers,
+# and its text output for escaping and column widths.
 
 import json
 import os
@@ -22,7 +22,7 @@ CLEAN = {"staged": 0, "unstaged": 0, "untracked": 0, "conflicted": 0}
 
 
 def columns(text):
-    """Terminal columns of a line: East Asian wide characters take 2, combining marks 0."""
+    # Terminal columns of a line: East Asian wide characters take 2, combining marks 0.
     return sum(0 if unicodedata.combining(c) else 2 if unicodedata.east_asian_width(c) in "WF" else 1 for c in text)
 
 
@@ -36,7 +36,7 @@ def numbered(n, changed=()):
 
 
 def commit(root, files, message, date, *steps):
-    """Runs the git steps, writes the files, commits everything."""
+    # Runs the git steps, writes the files, commits everything.
     for step in steps:
         git(root, *step)
     for name, text in files.items():
