@@ -39,6 +39,14 @@ case "$1" in
 esac
 )";
 
+// `text` as the file `dir`/git, executable unless `runnable` is false.
+void put_git(const std::filesystem::path& dir, const std::string& text, bool runnable = true) {
+    std::filesystem::create_directories(dir);
+    std::ofstream(dir / "git") << text;
+    using std::filesystem::perms;
+    std::filesystem::permissions(dir / "git", runnable ? perms::owner_all : perms::owner_read);
+}
+
 bool process_with_argument(const std::string& arg) {
     for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
         std::ifstream in(entry.path() / "cmdline");
@@ -69,9 +77,7 @@ class WatchWithoutPidfd : public ::testing::TestWithParam<std::tuple<WatchCase, 
 TEST_P(WatchWithoutPidfd, AnswersOnTimeAndLeavesNothing) {
     const auto& [c, sigchld_ignored] = GetParam();
     const auto dir = std::filesystem::temp_directory_path() / ("fake-git-" + std::to_string(::getpid()));
-    std::filesystem::create_directories(dir);
-    std::ofstream(dir / "git") << kFakeGit;
-    std::filesystem::permissions(dir / "git", std::filesystem::perms::owner_all);
+    put_git(dir, kFakeGit);
     Environment env({"PATH=" + dir.string() + ":/usr/bin:/bin"});
     // The fake's sleep lasts 5 s and a fraction that is this process's id, so
     // tests run side by side tell their sleeps apart.
@@ -145,12 +151,7 @@ TEST_P(StartMethods, SetGitUpAlikeAndFailAlike) {
     const auto root = std::filesystem::temp_directory_path() / ("start-" + std::to_string(::getpid()));
     const std::pair<const char*, const char*> gits[] = {
         {"probe", kProbe}, {"noexec", "echo no interpreter line\n"}, {"nointerp", "#!/no/such/shell\n"}, {"noperm", ""}};
-    for (const auto& [dir, text] : gits) {
-        std::filesystem::create_directories(root / dir);
-        std::ofstream(root / dir / "git") << text;
-        std::filesystem::permissions(root / dir / "git", std::string(dir) == "noperm" ? std::filesystem::perms::owner_read
-                                                                                    : std::filesystem::perms::owner_all);
-    }
+    for (const auto& [dir, text] : gits) put_git(root / dir, text, std::string(dir) != "noperm");
     std::ofstream(root / "file") << "";
     std::string path;
     for (const char* dir : c.path) {

@@ -1,5 +1,5 @@
-"""Fixtures: real git repositories built once per session, with git isolated
-from the user's configuration and fixed identities and dates."""
+# Fixtures: real git repositories built once per session, with git isolated
+# from the user's configuration and fixed identities and dates.
 
 import os
 import shutil
@@ -40,28 +40,35 @@ def git(cwd, *args, date=None, input=None):
     return done.stdout.decode()
 
 
-def commit_file(repo, name, content, message, date="2024-01-01T12:00:00+00:00"):
-    path = Path(repo, name)
-    path.parent.mkdir(parents=True, exist_ok=True)
-    path.write_bytes(content if isinstance(content, bytes) else content.encode())
-    git(repo, "add", "--", name)
-    git(repo, "commit", "-q", "-m", message, date=date)
-    return git(repo, "rev-parse", "HEAD").strip()
+def commit(root, files, date, message="change", steps=()):
+    # Runs the git steps, writes the files (None removes one), commits everything; gives the new HEAD.
+    for step in steps:
+        git(root, *step)
+    for name, content in files.items():
+        path = Path(root, name)
+        if content is None:
+            path.unlink()
+            continue
+        path.parent.mkdir(parents=True, exist_ok=True)
+        path.write_bytes(content if isinstance(content, bytes) else content.encode())
+    git(root, "add", "-A")
+    git(root, "commit", "-q", "-m", message, date=date)
+    return git(root, "rev-parse", "HEAD").strip()
 
 
 @pytest.fixture(scope="session")
 def repo(tmp_path_factory):
-    """A small repository with a main branch and a few commits."""
+    # A small repository with a main branch and a few commits.
     root = tmp_path_factory.mktemp("repo")
     git(root, "init", "-q", "-b", "main")
-    commit_file(root, "a.txt", "one\ntwo\n", "first", date="2024-01-01T12:00:00+00:00")
-    commit_file(root, "b.txt", "b\n", "second", date="2024-01-02T12:00:00+00:00")
+    commit(root, {"a.txt": "one\ntwo\n"}, "2024-01-01T12:00:00+00:00", "first")
+    commit(root, {"b.txt": "b\n"}, "2024-01-02T12:00:00+00:00", "second")
     return root
 
 
 @pytest.fixture()
 def module_state():
-    """Restores every name of the module that a test replaces."""
+    # Restores every name of the module that a test replaces.
     saved = dict(vars(git_utils))
     yield git_utils
     for name in list(vars(git_utils)):

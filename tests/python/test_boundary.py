@@ -1,7 +1,7 @@
-"""Bad values at the boundary: every parameter of every public operation, given
-a value of the wrong kind or of absurd size, gives the error a Python caller
-expects or the documented answer, never a crash or a hang. Also the host's own
-code running in the middle of a call, which must not free what is being read."""
+# Bad values at the boundary: every parameter of every public operation, given
+# a value of the wrong kind or of absurd size, gives the error a Python caller
+# expects or the documented answer, never a crash or a hang. Also the host's own
+# code running in the middle of a call, which must not free what is being read.
 
 import gc
 import inspect
@@ -75,7 +75,7 @@ def watchdog(monkeypatch, tmp_path):
 
 
 def valid_arguments(f, repo):
-    """Valid values for the required parameters of operation `f`."""
+    # Valid values for the required parameters of operation `f`.
     return {p.name: (datetime(2000, 1, 1) if p.annotation is datetime else "3650d") if p.name == "since"
             else VALID[p.name] if VALID.get(p.name) is not None else repo
             for p in inspect.signature(f).parameters.values() if p.default is inspect.Parameter.empty}
@@ -118,7 +118,7 @@ PATCH = '+++ "q\\tr \\303\\251"\t\n@@ -1,2 +3 @@\n-x\n-y\n+z\n+++ b\n@@ -0,0 +1,
 
 
 def churn():
-    """Allocate blocks of the sizes just freed, so that a stale read sees other bytes."""
+    # Allocate blocks of the sizes just freed, so that a stale read sees other bytes.
     junk = [("Z" * 2000 + str(i))[:2000] for i in range(2000)]
     gc.collect()
     return junk
@@ -129,9 +129,9 @@ def fresh(text):
 
 
 class Rebinding:
-    """Stands in for a module name: each use rebinds the name to a fresh
-    stand-in (and churns memory) before doing what the original does, so a
-    call that held the name borrowed reads freed memory."""
+    # Stands in for a module name: each use rebinds the name to a fresh
+    # stand-in (and churns memory) before doing what the original does, so a
+    # call that held the name borrowed reads freed memory.
 
     def __init__(self, name, original):
         self.name, self.original = name, original
@@ -171,36 +171,22 @@ def _error(call):
 # Each name the host may replace, and a call that uses it.
 USES = {
     "run_git_command": lambda repo: g.get_head_commit(repo),
-    "_git_output": lambda repo: g.diff_file_changes(repo, "main~1", "main"),
-    "get_subprocess_hidden_kwargs": lambda repo: g.run_git_command(repo, ["rev-parse", "HEAD"]),
-    "subprocess": lambda repo: g.run_git_command(repo, ["rev-parse", "HEAD"]),
+    **dict.fromkeys(["_git_output", "parse_file_changes"], lambda repo: g.diff_file_changes(repo, "main~1", "main")),
+    **dict.fromkeys(["get_subprocess_hidden_kwargs", "subprocess"], lambda repo: g.run_git_command(repo, ["rev-parse", "HEAD"])),
     "logger": lambda repo: g.run_git_command(repo, ["rev-parse", "--verify", "nowhere"]),
     "GitError": lambda repo: _error(lambda: g._git_output(repo, ["rev-parse", "--verify", "nowhere"])),
-    "parse_file_changes": lambda repo: g.diff_file_changes(repo, "main~1", "main"),
     "parse_commit_changes": lambda repo: g.log_commit_changes(repo, since=datetime(2000, 1, 1), ref=None, max_commits=5),
-    "parse_line_spans": lambda repo: g.diff_line_spans(repo, "main~1", "main", merge_base=False, diff_filter="AM"),
+    **dict.fromkeys(["parse_line_spans", "_PATCH_OPTIONS"],
+                    lambda repo: g.diff_line_spans(repo, "main~1", "main", merge_base=False, diff_filter="AM")),
     "_path_batches": lambda repo: g.diff_line_spans(repo, "main~1", "main", merge_base=False, paths=["a.txt", "b.txt"]),
-    "_PATCH_OPTIONS": lambda repo: g.diff_line_spans(repo, "main~1", "main", merge_base=False, diff_filter="AM"),
     "_MAX_PATHSPEC_CHARS": lambda repo: g._path_batches(["a" * 10] * 5),
     "parse_time_spec": _authors,
-    "_file_changes": lambda repo: g.parse_file_changes(RAW),
-    "_line_count": lambda repo: g.parse_file_changes(RAW),
-    "_TWO_PATH_LETTERS": lambda repo: g.parse_file_changes(RAW),
+    **dict.fromkeys(["_file_changes", "_line_count", "_TWO_PATH_LETTERS"], lambda repo: g.parse_file_changes(RAW)),
     "_STATUS_BY_LETTER": lambda repo: g._file_changes(RAW.split("\0")),
-    "FileChange": lambda repo: g.parse_commit_changes(LOG),
-    "CommitChanges": lambda repo: g.parse_commit_changes(LOG),
-    "_COMMIT_START": lambda repo: g.parse_commit_changes(LOG),
-    "LineSpan": lambda repo: g.parse_line_spans(PATCH),
-    "_span": lambda repo: g.parse_line_spans(PATCH),
-    "_patch_path": lambda repo: g.parse_line_spans(PATCH),
-    "_unquote": lambda repo: g.parse_line_spans(PATCH),
-    "_C_ESCAPE": lambda repo: g._unquote("a\\tb\\303\\251"),
-    "_C_ESCAPES": lambda repo: g._unquote("a\\tb\\303\\251"),
-    "_HUNK_HEADER": lambda repo: g.parse_line_spans(PATCH),
-    "_RELATIVE_SPEC": lambda repo: _since("7d"),
-    "_SPEC_UNITS": lambda repo: _since("7d"),
-    "datetime": lambda repo: _since("7d"),
-    "timedelta": lambda repo: _since("7d"),
+    **dict.fromkeys(["FileChange", "CommitChanges", "_COMMIT_START"], lambda repo: g.parse_commit_changes(LOG)),
+    **dict.fromkeys(["LineSpan", "_span", "_patch_path", "_unquote", "_HUNK_HEADER"], lambda repo: g.parse_line_spans(PATCH)),
+    **dict.fromkeys(["_C_ESCAPE", "_C_ESCAPES"], lambda repo: g._unquote("a\\tb\\303\\251")),
+    **dict.fromkeys(["_RELATIVE_SPEC", "_SPEC_UNITS", "datetime", "timedelta"], lambda repo: _since("7d")),
     "TIME_SPEC_FORMS": lambda repo: _error(lambda: g.parse_time_spec("0d")),
     "find_git_root": lambda repo: g.find_repo_root(),
     "Path": lambda repo: g.find_git_root(repo),
@@ -218,15 +204,15 @@ def test_every_name_the_library_reads_is_in_the_table():
 
 
 def rebind(name, original):
-    """Rebinds `name` to a fresh stand-in, churns memory, and gives the original."""
+    # Rebinds `name` to a fresh stand-in, churns memory, and gives the original.
     setattr(g, name, stand_in(name, original))
     churn()
     return original
 
 
 def stand_in(name, original):
-    """A stand-in for `name` of the original's own kind where the library
-    reads it as a value (a text, a number, the error class)."""
+    # A stand-in for `name` of the original's own kind where the library
+    # reads it as a value (a text, a number, the error class).
     if isinstance(original, (str, int)):
         class Value(type(original)):
             def __str__(self):
@@ -258,7 +244,7 @@ def test_a_name_rebound_by_its_own_use(repo, module_state, monkeypatch, name):
 
 # What the host's own code can do wrong, and what the caller then sees.
 class Raiser:
-    """A subprocess without TimeoutExpired whose run raises."""
+    # A subprocess without TimeoutExpired whose run raises.
 
     @staticmethod
     def run(*args, **kwargs):

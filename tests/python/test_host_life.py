@@ -1,7 +1,7 @@
-"""The host's life around the calls: exiting with calls in flight, a
-supervisor stopping the host's process group, git looked up on PATH, no
-terminal device, a sandbox that refuses clone3. Each case runs in a child
-interpreter (or child process) of its own."""
+# The host's life around the calls: exiting with calls in flight, a
+# supervisor stopping the host's process group, git looked up on PATH, no
+# terminal device, a sandbox that refuses clone3. Each case runs in a child
+# interpreter (or child process) of its own.
 
 import json
 import os
@@ -110,7 +110,7 @@ UNRUNNABLE = {
 
 
 def answer(run):
-    """The triple, with a missing git as the runner words it, or the error's kind and number."""
+    # The triple, with a missing git as the runner words it, or the error's kind and number.
     try:
         return run()
     except FileNotFoundError:

@@ -1,6 +1,6 @@
-"""Interpreters with a GIL of their own (3.12+): the module loads in each with
-state of its own, its tests pass inside one, and four threads, each running an
-interpreter of its own, call every operation at once."""
+# Interpreters with a GIL of their own (3.12+): the module loads in each with
+# state of its own, its tests pass inside one, and four threads, each running an
+# interpreter of its own, call every operation at once.
 
 import json
 import os
@@ -74,8 +74,8 @@ def in_interpreters(count, setup, code, timeout):
 
 
 def every_operation(repo):
-    """Each public operation's answer on `repo` (the clock's reading as its
-    type), and each use of a name the host may replace, as JSON text."""
+    # Each public operation's answer on `repo` (the clock's reading as its
+    # type), and each use of a name the host may replace, as JSON text.
     calls = {name: lambda f=f: f(**valid_arguments(f, repo)) for name, f in OPERATIONS.items()}
     calls.update({"use of " + name: lambda use=use: use(repo) for name, use in USES.items()})
     answers = {name: _error(call) for name, call in calls.items()}

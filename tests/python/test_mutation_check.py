@@ -1,6 +1,6 @@
-"""scripts/mutation-check applies nothing unless every fault is placed, and
-never leaves a mutant installed: not when the fault's tests cannot run, not
-when it is stopped while the mutant builds."""
+# scripts/mutation-check applies nothing unless every fault is placed, and
+# never leaves a mutant installed: not when the fault's tests cannot run, not
+# when it is stopped while the mutant builds.
 
 import hashlib
 import importlib.machinery
@@ -26,8 +26,8 @@ pytestmark = pytest.mark.skipif(Path(sys.prefix).resolve() != (ROOT / ".venv").r
 
 @pytest.fixture(scope="module")
 def fault():
-    """The script's first fault in a .cpp file given as exact text (the patterns follow the
-    source; a .cpp file rebuilds fastest)."""
+    # The script's first fault in a .cpp file given as exact text (the patterns follow the
+    # source; a .cpp file rebuilds fastest).
     loader = importlib.machinery.SourceFileLoader("mutation_check", SCRIPT)
     script = importlib.util.module_from_spec(importlib.util.spec_from_loader(loader.name, loader))
     loader.exec_module(script)

@@ -1,6 +1,6 @@
-"""The parsers of change lists, commit logs and zero-context patches: exact records for chosen inputs, agreement
-with the plain-Python baseline on random inputs, call-time lookup, lone surrogates. Real git output reaches them
-through the queries (test_queries.py)."""
+# The parsers of change lists, commit logs and zero-context patches: exact records for chosen inputs, agreement
+# with the plain-Python baseline on random inputs, call-time lookup, lone surrogates. Real git output reaches them
+# through the queries (test_queries.py).
 
 import collections
 import dataclasses
@@ -230,7 +230,7 @@ def gen_escapes(rng, clean=False):
 
 
 def shape(value):
-    """A comparable form of a parser result: record class names, field values and their types."""
+    # A comparable form of a parser result: record class names, field values and their types.
     if dataclasses.is_dataclass(value):
         return type(value).__name__, tuple(shape(getattr(value, f.name)) for f in dataclasses.fields(value))
     if isinstance(value, dict):

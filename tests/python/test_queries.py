@@ -1,5 +1,5 @@
-"""Repository queries, roots, branch names and period starts: exact git argument
-lists through a recording runner, and behaviour against real repositories."""
+# Repository queries, roots, branch names and period starts: exact git argument
+# lists through a recording runner, and behaviour against real repositories.
 
 import json
 import logging
@@ -13,7 +13,7 @@ from types import SimpleNamespace
 
 import pytest
 
-from conftest import git
+from conftest import commit, git
 from vantrel_sorlith.utils import git_utils as g
 
 LOGGER = "vantrel_sorlith.utils.git_utils"
@@ -22,19 +22,6 @@ DATES = {"c1": "2024-01-01T12:00:00+00:00", "c2": "2024-01-15T12:00:00+00:00",
          "c3": "2024-02-01T12:00:00+00:00", "merge": "2024-03-01T12:00:00+00:00"}
 STAMP = {k: int(datetime.fromisoformat(v).timestamp()) for k, v in DATES.items()}
 THREE = "one\ntwo\nthree\n"
-
-
-def commit_all(root, files, date, message="change"):
-    for name, content in files.items():
-        if content is None:
-            git(root, "rm", "-q", "--", name)
-            continue
-        path = Path(root, name)
-        path.parent.mkdir(parents=True, exist_ok=True)
-        path.write_bytes(content if isinstance(content, bytes) else content.encode())
-    git(root, "add", "-A")
-    git(root, "commit", "-q", "-m", message, date=date)
-    return git(root, "rev-parse", "HEAD").strip()
 
 
 def commit_as(root, who, email, when):
@@ -58,16 +45,16 @@ def world(isolated_git, tmp_path_factory):
 
     w = SimpleNamespace(outside=tmp_path_factory.mktemp("outside"), hist=init("hist"), wt=base / "wt", empty=init("empty"))
     guide, fifty = "".join(f"g{i}\n" for i in range(10)), "".join(f"{i}\n" for i in range(50))
-    w.c1 = commit_all(w.hist, {"docs/guide.md": guide, "a.txt": THREE, "crlf.txt": b"a\r\nb\r\nc\r\n", "gone.txt": "bye\n",
+    w.c1 = commit(w.hist, {"docs/guide.md": guide, "a.txt": THREE, "crlf.txt": b"a\r\nb\r\nc\r\n", "gone.txt": "bye\n",
                                "logo.bin": bytes(range(256)), "src.txt": fifty, **{n: THREE for n in NAMES}}, DATES["c1"])
     git(w.hist, "tag", "-a", "v1", "-m", "release", date=DATES["c1"])
     git(w.hist, "branch", "trunk")
     git(w.hist, "checkout", "-q", "-b", "feature")
-    w.c3 = commit_all(w.hist, {"docs/guide.md": None, "guide/intro.md": guide, "crlf.txt": b"a\r\nB\r\nc\r\n",
+    w.c3 = commit(w.hist, {"docs/guide.md": None, "guide/intro.md": guide, "crlf.txt": b"a\r\nB\r\nc\r\n",
                                "logo.bin": bytes(reversed(range(256))), "gone.txt": None, "copy.txt": fifty,
                                "new.txt": "n1\nn2\n", **{n: "one\nTWO\nthree\nfour\n" for n in NAMES}}, DATES["c3"])
     git(w.hist, "checkout", "-q", "main")
-    w.c2 = commit_all(w.hist, {"a.txt": "one\n2\nthree\n"}, DATES["c2"])
+    w.c2 = commit(w.hist, {"a.txt": "one\n2\nthree\n"}, DATES["c2"])
     git(w.hist, "checkout", "-q", "-b", "integration")
     git(w.hist, "merge", "-q", "--no-ff", "-m", "merge", "feature", date=DATES["merge"])
     w.merge = git(w.hist, "rev-parse", "HEAD").strip()
@@ -81,7 +68,7 @@ def world(isolated_git, tmp_path_factory):
     git(w.trunk_clone, "branch", "master")
     w.master_only, w.both = init("master_only", "master"), init("both")
     for root in [w.master_only, w.both]:
-        commit_all(root, {"f.txt": "x\n"}, DATES["c1"])
+        commit(root, {"f.txt": "x\n"}, DATES["c1"])
     git(w.both, "branch", "master")
 
     w.authors, now = init("authors"), int(time.time())
@@ -105,7 +92,7 @@ SYM, RPV = ["symbolic-ref", "refs/remotes/origin/HEAD"], ["rev-parse", "--verify
 
 
 def install(module, answers, via="runner"):
-    """Answers git runs from a list of triples (the last one repeats) and records them."""
+    # Answers git runs from a list of triples (the last one repeats) and records them.
     rec = SimpleNamespace(calls=[], roots=[])
 
     def run(repo_root, args):

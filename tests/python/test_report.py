@@ -1,5 +1,5 @@
-"""The report command on every checkout shape, checked against git's own answers,
-and its text output for escaping and column widths."""
+# The report command on every checkout shape, checked against git's own answers,
+# and its text output for escaping and column widths.
 
 import json
 import os
@@ -11,7 +11,7 @@ from pathlib import Path
 
 import pytest
 
-from conftest import commit_file, git
+from conftest import commit, git
 
 REPORT = Path(__file__).resolve().parents[2] / "tools" / "report.py"
 SINCE = "2023-01-01"
@@ -22,7 +22,7 @@ CLEAN = {"staged": 0, "unstaged": 0, "untracked": 0, "conflicted": 0}
 
 
 def columns(text):
-    """Terminal columns of a line: East Asian wide characters take 2, combining marks 0."""
+    # Terminal columns of a line: East Asian wide characters take 2, combining marks 0.
     return sum(0 if unicodedata.combining(c) else 2 if unicodedata.east_asian_width(c) in "WF" else 1 for c in text)
 
 
@@ -35,21 +35,10 @@ def numbered(n, changed=()):
     return "".join(f"{'changed' if i in changed else 'line'} {i}\n" for i in range(1, n + 1))
 
 
-def commit(root, files, message, date, *steps):
-    """Runs the git steps, writes the files, commits everything."""
-    for step in steps:
-        git(root, *step)
-    for name, text in files.items():
-        Path(root, name).parent.mkdir(parents=True, exist_ok=True)
-        Path(root, name).write_text(text)
-    git(root, "add", "-A")
-    git(root, "commit", "-q", "-m", message, date=date)
-
-
 def main_repo(tmp):
     git(tmp, "init", "-q", "-b", "main", "origin")
-    commit_file(tmp / "origin", "a.txt", numbered(20), "first", date=D1)
-    commit_file(tmp / "origin", "b.txt", numbered(5), "second", date=D2)
+    commit(tmp / "origin", {"a.txt": numbered(20)}, D1, "first")
+    commit(tmp / "origin", {"b.txt": numbered(5)}, D2, "second")
     return tmp / "origin"
 
 
@@ -57,26 +46,26 @@ def main_repo(tmp):
 # report on and the facts that the shape fixes; the rest is compared with git.
 def clone_without_local_default(tmp):
     origin = main_repo(tmp)
-    commit(origin, dict.fromkeys(("a.txt", "c.txt", "d/e.txt", "f.txt"), numbered(3)), "topic work", D3,
-           ("checkout", "-q", "-b", "topic"))
-    commit(origin, {"b.txt": numbered(6)}, "main moves on", D3, ("checkout", "-q", "main"))
+    commit(origin, dict.fromkeys(("a.txt", "c.txt", "d/e.txt", "f.txt"), numbered(3)), D3, "topic work",
+           [("checkout", "-q", "-b", "topic")])
+    commit(origin, {"b.txt": numbered(6)}, D3, "main moves on", [("checkout", "-q", "main")])
     git(tmp, "clone", "-q", "-b", "topic", str(origin), "clone")
     return tmp / "clone", {"base": ("origin/main", "remote"), "ahead": 1, "behind": 1, "files": 4}
 
 
 def rename_with_edits(tmp):
     root = main_repo(tmp)
-    commit(root, {"moved.txt": numbered(20, changed={5, 12})}, "move and edit", D3,
-           ("checkout", "-q", "-b", "feature"), ("mv", "a.txt", "moved.txt"))
+    commit(root, {"moved.txt": numbered(20, changed={5, 12})}, D3, "move and edit",
+           [("checkout", "-q", "-b", "feature"), ("mv", "a.txt", "moved.txt")])
     spans = [{"start": 5, "end": 5, "added": False}, {"start": 12, "end": 12, "added": False}]
     return root, {"ahead": 1, "renamed": ("a.txt", "moved.txt", spans)}
 
 
 def odd_names(tmp):
     root = main_repo(tmp)
-    commit(root, dict.fromkeys(ODD, numbered(3)), "odd names", D2)
-    commit(root, {name.replace("with", "moved"): numbered(3, changed={2}) for name in ODD}, "edit line 2 of each, move one",
-           D3, ("checkout", "-q", "-b", "odd"), ("mv", "with space.txt", "moved space.txt"))
+    commit(root, dict.fromkeys(ODD, numbered(3)), D2, "odd names")
+    commit(root, {name.replace("with", "moved"): numbered(3, changed={2}) for name in ODD}, D3,
+           "edit line 2 of each, move one", [("checkout", "-q", "-b", "odd"), ("mv", "with space.txt", "moved space.txt")])
     return root, {"ahead": 1, "files": len(ODD), "spans": [{"start": 2, "end": 2, "added": False}]}
 
 
@@ -87,7 +76,7 @@ def unborn(tmp):
 
 
 def shallow(tmp):
-    commit_file(main_repo(tmp), "c.txt", "c\n", "third", date=D3)
+    commit(main_repo(tmp), {"c.txt": "c\n"}, D3, "third")
     git(tmp, "clone", "-q", "--depth", "2", f"file://{tmp / 'origin'}", "shallow")
     return tmp / "shallow", {"shallow": True, "boundary": 1, "note": "shallow clone"}
 
@@ -99,7 +88,7 @@ def bare(tmp):
 
 def detached(tmp):
     root = main_repo(tmp)
-    commit_file(root, "c.txt", "c\n", "third", date=D3)
+    commit(root, {"c.txt": "c\n"}, D3, "third")
     git(root, "checkout", "-q", "--detach", "HEAD~1")
     for name, text in {"b.txt": "staged\n", "a.txt": "unstaged\n", "new1.txt": "1\n", "sub/new2.txt": "2\n"}.items():
         Path(root, name).parent.mkdir(exist_ok=True)
@@ -110,7 +99,7 @@ def detached(tmp):
 
 def unrelated_history(tmp):
     root = main_repo(tmp)
-    commit(root, {}, "a history of its own", D3, ("checkout", "-q", "--orphan", "other"))
+    commit(root, {}, D3, "a history of its own", [("checkout", "-q", "--orphan", "other")])
     return root, {"ahead": 1, "behind": 2, "files": 0, "note": "no common history"}
 
 

@@ -1,4 +1,4 @@
-"""The git command runner and the checked wrapper, against real git."""
+# The git command runner and the checked wrapper, against real git.
 
 import contextlib
 import hashlib
@@ -90,7 +90,7 @@ def children():
 
 
 def processes_left(marker):
-    """Processes with the marker in their command line, once those killed have had 2 s to go."""
+    # Processes with the marker in their command line, once those killed have had 2 s to go.
     deadline = time.monotonic() + 2
     while (found := live_processes(marker.encode())) and time.monotonic() < deadline:
         time.sleep(0.02)
@@ -140,13 +140,13 @@ sys.exit(code)
 
 
 def pattern(key, n):
-    """The first n bytes a stream of the fake writes: numbered lines, so a byte lost, doubled or moved shows."""
+    # The first n bytes a stream of the fake writes: numbered lines, so a byte lost, doubled or moved shows.
     tag = key[0].upper().encode()
     return b"".join(tag + b"%07d\n" % i for i in range(n // 9 + 1))[:n]
 
 
 def put_fake_git(tmp_path, monkeypatch, script):
-    """`script` as the git that PATH finds first."""
+    # `script` as the git that PATH finds first.
     (tmp_path / "bin").mkdir()
     (tmp_path / "bin" / "git").write_text(script)
     (tmp_path / "bin" / "git").chmod(0o755)
@@ -181,8 +181,8 @@ BEHAVIOURS = {
 
 @contextlib.contextmanager
 def host_condition(kind):
-    """The host as the run meets it: plain, ignoring SIGCHLD (the kernel then
-    reaps git itself), or taking a signal every millisecond."""
+    # The host as the run meets it: plain, ignoring SIGCHLD (the kernel then
+    # reaps git itself), or taking a signal every millisecond.
     ticks = []
     number, handler = {"plain": (signal.SIGCHLD, signal.SIG_DFL), "SIGCHLD ignored": (signal.SIGCHLD, signal.SIG_IGN),
                        "signal every ms": (signal.SIGALRM, lambda *_: ticks.append(1))}[kind]
@@ -223,9 +223,9 @@ def test_fake_git_table(fake_git, caplog, behaviour, host):
 
 
 def run_child_interpreter(code, *args, terminal_input=None):
-    """Runs `code` in a fresh interpreter (in a pseudo-terminal of its own,
-    as the foreground job, when `terminal_input` is given) and returns the
-    JSON it prints on its last line."""
+    # Runs `code` in a fresh interpreter (in a pseudo-terminal of its own,
+    # as the foreground job, when `terminal_input` is given) and returns the
+    # JSON it prints on its last line.
     if terminal_input is None:
         done = subprocess.run([sys.executable, "-c", code, *args], capture_output=True, text=True, timeout=120)
         assert done.returncode == 0, done.stderr

@@ -1,6 +1,6 @@
-"""Many threads at once: same answers as one thread, nothing left behind (child
-processes, file descriptors), memory flat over many rounds; and an output of a
-gigabyte."""
+# Many threads at once: same answers as one thread, nothing left behind (child
+# processes, file descriptors), memory flat over many rounds; and an output of a
+# gigabyte.
 
 import ctypes
 import datetime
@@ -73,7 +73,7 @@ if _mallinfo2 is not None:
 
 
 def malloc_in_use():
-    """Bytes that malloc has handed out and not had back, over all arenas, or None."""
+    # Bytes that malloc has handed out and not had back, over all arenas, or None.
     return None if _mallinfo2 is None else (lambda m: m.uordblks + m.hblkhd)(_mallinfo2())
 
 

@@ -1,5 +1,5 @@
-"""The type stubs match the built module: every name, signature and default
-(mypy's stubtest)."""
+# The type stubs match the built module: every name, signature and default
+# (mypy's stubtest).
 
 import subprocess
 import sys

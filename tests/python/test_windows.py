@@ -1,6 +1,6 @@
-"""The runner's native start on Windows, against the fake git.exe of the core's
-Windows tests (tests/core/win32/fake_git.cpp) in the directory that
-GIT_UTILS_FAKE_GIT names; run under Wine by scripts/test-wheels."""
+# The runner's native start on Windows, against the fake git.exe of the core's
+# Windows tests (tests/core/win32/fake_git.cpp) in the directory that
+# GIT_UTILS_FAKE_GIT names; run under Wine by scripts/test-wheels.
 
 import os
 import subprocess
