@@ -35,15 +35,12 @@ void put(DWORD which, const std::string& data) {
 // Bytes written so far to stdout and stderr.
 unsigned long long written[2];
 
-void write_pattern(DWORD which, unsigned long long n) {
+void write_pattern(DWORD which, std::size_t n) {
     unsigned long long& at = written[which == STD_ERROR_HANDLE];
-    std::string block;
-    for (const unsigned long long end = at + n; at < end;) {
-        block.resize(static_cast<std::size_t>(end - at < (1 << 16) ? end - at : (1 << 16)));
-        for (std::size_t i = 0; i < block.size(); ++i) block[i] = static_cast<char>('a' + (at + i) % 26);
-        put(which, block);
-        at += block.size();
-    }
+    std::string block(n, '\0');
+    for (std::size_t i = 0; i < n; ++i) block[i] = static_cast<char>('a' + (at + i) % 26);
+    put(which, block);
+    at += n;
 }
 
 void grandchild(const wchar_t* step) {
