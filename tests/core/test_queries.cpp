@@ -16,10 +16,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-struct Repo {
-    std::string root, first, second;  // the directory, the two commits
-};
-
 // git in `dir` as the given author at the given time (committer the same).
 std::string git(const std::string& dir, std::vector<std::string> args, const std::string& who = "Ann",
                 const std::string& date = "2020-01-01T00:00:00Z") {
@@ -35,35 +31,6 @@ std::string git(const std::string& dir, std::vector<std::string> args, const std
 }
 
 void write(const fs::path& file, const std::string& text) { std::ofstream(file, std::ios::binary) << text; }
-
-class NativeQueries : public ::testing::Test {
-protected:
-    static void SetUpTestSuite() {
-        if (run_git_command(".", {"--version"}).status == RunStatus::NotFound) return;
-        const fs::path dir = fs::temp_directory_path() / ("git-utils-queries-" + std::to_string(std::random_device()()));
-        fs::create_directories(dir / "sub");
-        repo.root = dir.string();
-        git(repo.root, {"-c", "init.defaultBranch=main", "init", "-q"});
-        write(dir / "a.txt", "1\n2\n3\n");
-        git(repo.root, {"add", "a.txt"});
-        git(repo.root, {"commit", "-q", "-m", "one"});
-        git(repo.root, {"tag", "v1"});
-        write(dir / "a.txt", "1\nX\n3\n");
-        write(dir / "b.txt", "b\n");
-        git(repo.root, {"add", "a.txt", "b.txt"});
-        git(repo.root, {"commit", "-q", "-m", "two"}, "Bob", "2020-06-01T00:00:00Z");
-        repo.first = git(repo.root, {"rev-parse", "v1"});
-        repo.second = git(repo.root, {"rev-parse", "HEAD"});
-    }
-    static void TearDownTestSuite() {
-        if (!repo.root.empty()) fs::remove_all(repo.root);
-    }
-    void SetUp() override {
-        if (repo.root.empty()) GTEST_SKIP() << "no git on PATH";
-    }
-    static Repo repo;
-};
-Repo NativeQueries::repo;
 
 // What `f` writes of each item, one after another.
 template <class Items, class F>
@@ -82,33 +49,50 @@ struct Case {
     std::string got, want;
 };
 
-TEST_F(NativeQueries, EachAnswersAsGitSays) {
-    const Repo& r = repo;
+TEST(NativeQueries, EachAnswersAsGitSays) {
+    if (run_git_command(".", {"--version"}).status == RunStatus::NotFound) GTEST_SKIP() << "no git on PATH";
+    const fs::path dir = fs::temp_directory_path() / ("git-utils-queries-" + std::to_string(std::random_device()()));
+    struct Removed {
+        fs::path dir;
+        ~Removed() { fs::remove_all(dir); }
+    } removed{dir};
+    fs::create_directories(dir / "sub");
+    const std::string root = dir.string();
+    git(root, {"-c", "init.defaultBranch=main", "init", "-q"});
+    write(dir / "a.txt", "1\n2\n3\n");
+    git(root, {"add", "a.txt"});
+    git(root, {"commit", "-q", "-m", "one"});
+    git(root, {"tag", "v1"});
+    write(dir / "a.txt", "1\nX\n3\n");
+    write(dir / "b.txt", "b\n");
+    git(root, {"add", "a.txt", "b.txt"});
+    git(root, {"commit", "-q", "-m", "two"}, "Bob", "2020-06-01T00:00:00Z");
+    const std::string first = git(root, {"rev-parse", "v1"}), second = git(root, {"rev-parse", "HEAD"});
     const auto yes_no = [](bool b) { return std::string(b ? "yes" : "no"); };
     const auto or_none = [](const std::optional<std::string>& s) { return s.value_or("none"); };
     const fs::path before = fs::current_path();
-    fs::current_path(fs::path(r.root) / "sub");
+    fs::current_path(fs::path(root) / "sub");
     const std::string found = find_repo_root();
     fs::current_path(before);
-    const std::string short_head = *get_head_commit(r.root);
+    const std::string short_head = *get_head_commit(root);
     const Case cases[] = {
-        {"run_git_command", run_git_command(r.root, {"status", "--porcelain"}).out, ""},
-        {"git_output", git_output(r.root, {"rev-parse", "v1"}), r.first + "\n"},
-        {"resolve_display_branch", or_none(resolve_display_branch(r.root)), "main"},
-        {"get_default_branch (no origin)", get_default_branch(r.root), "main"},
-        {"branch_exists", yes_no(branch_exists(r.root, "main")) + yes_no(branch_exists(r.root, "x")), "yesno"},
-        {"get_head_commit", or_none(get_head_commit(r.root, false)), r.second},
-        {"get_head_commit short", yes_no(r.second.starts_with(short_head) && short_head.size() < 40), "yes"},
-        {"resolve_commit", or_none(resolve_commit(r.root, "v1")) + or_none(resolve_commit(r.root, "-x")), r.first + "none"},
-        {"count_commits", std::to_string(count_commits(r.root, "v1", "main")), "1"},
-        {"commit_before", or_none(commit_before(r.root, "main", Moment{2020, 3, 1})), r.first},
-        {"diff_file_changes", each(diff_file_changes(r.root, "v1", "main"), text), "a.txt modified +1 -1;b.txt added +1 -0;"},
+        {"run_git_command", run_git_command(root, {"status", "--porcelain"}).out, ""},
+        {"git_output", git_output(root, {"rev-parse", "v1"}), first + "\n"},
+        {"resolve_display_branch", or_none(resolve_display_branch(root)), "main"},
+        {"get_default_branch (no origin)", get_default_branch(root), "main"},
+        {"branch_exists", yes_no(branch_exists(root, "main")) + yes_no(branch_exists(root, "x")), "yesno"},
+        {"get_head_commit", or_none(get_head_commit(root, false)), second},
+        {"get_head_commit short", yes_no(second.starts_with(short_head) && short_head.size() < 40), "yes"},
+        {"resolve_commit", or_none(resolve_commit(root, "v1")) + or_none(resolve_commit(root, "-x")), first + "none"},
+        {"count_commits", std::to_string(count_commits(root, "v1", "main")), "1"},
+        {"commit_before", or_none(commit_before(root, "main", Moment{2020, 3, 1})), first},
+        {"diff_file_changes", each(diff_file_changes(root, "v1", "main"), text), "a.txt modified +1 -1;b.txt added +1 -0;"},
         {"log_commit_changes",
-         each(log_commit_changes(r.root, Moment{2019, 1, 1}, "main", 5),
+         each(log_commit_changes(root, Moment{2019, 1, 1}, "main", 5),
               [](const CommitChanges& c) { return std::to_string(c.timestamp) + ": " + each(c.files, text); }),
          "1590969600: a.txt modified +1 -1;b.txt added +1 -0;1577836800: a.txt added +3 -0;"},
         {"diff_line_spans (modified files only)",
-         each(diff_line_spans(r.root, "v1", "main", true, {"a.txt", "b.txt"}),
+         each(diff_line_spans(root, "v1", "main", true, {"a.txt", "b.txt"}),
               [](const auto& file) {
                   return each(file.second, [&](const LineSpan& span) {
                       return file.first + " " + std::to_string(span.start) + "-" + std::to_string(span.end) +
@@ -117,14 +101,14 @@ TEST_F(NativeQueries, EachAnswersAsGitSays) {
               }),
          "a.txt 2-2;"},
         {"get_authors_for_period",
-         each(get_authors_for_period(r.root, "1000w"),
+         each(get_authors_for_period(root, "1000w"),
               [](const Author& a) { return a.name + " <" + a.email + "> " + std::to_string(a.commits) + ";"; }),
          "Ann <Ann@example.com> 1;Bob <Bob@example.com> 1;"},
-        {"find_git_root", yes_no(find_git_root(r.root + "/sub/.") == r.root), "yes"},
-        {"find_repo_root (from the current directory)", yes_no(fs::equivalent(found, r.root)), "yes"},
+        {"find_git_root", yes_no(find_git_root(root + "/sub/.") == root), "yes"},
+        {"find_repo_root (from the current directory)", yes_no(fs::equivalent(found, root)), "yes"},
     };
     for (const Case& c : cases) EXPECT_EQ(c.got, c.want) << c.query;
-    EXPECT_THROW(git_output(r.root, {"rev-parse", "--verify", "nope"}), GitError);
+    EXPECT_THROW(git_output(root, {"rev-parse", "--verify", "nope"}), GitError);
 }
 
 }  // namespace
