@@ -15,7 +15,8 @@ void check(std::string_view patch) {
     try {
         const git_utils::NativeSpans spans = git_utils::native_line_spans(patch);
         std::vector<std::size_t> seen(spans.names.size());
-        for (const auto& [path, s] : spans.spans) {
+        for (std::size_t i = 0; i < spans.spans.size(); ++i) {
+            const auto& [path, s] = spans.spans[i];
             if (path >= seen.size()) __builtin_trap();
             ++seen[path];
             // Header numbers are never negative, and a span never ends

@@ -486,7 +486,12 @@ public:
         check(PyList_Append(list.get(), span.get()));
     }
 
-    Ref result() { return result_; }
+    // The patch read with these steps: a dict of lists of records.
+    static Ref read(const Call& call, std::string_view text) {
+        HostSpanSteps steps(call);
+        scan_patch(steps, text);
+        return steps.result_;
+    }
 
 private:
     // A group of the header's match as int(); none when it did not take part.
@@ -518,30 +523,49 @@ bool native_span_steps(const Call& call) {
 
 constexpr std::size_t kSharedLines = 1 << 14;
 
+// From this size on the patch is read on a thread of its own while the
+// records of the spans already found are made here (starting a thread costs
+// about as much as reading 100 KiB of patch).
+constexpr std::size_t kScanThreadThreshold = 1 << 20;
+
 Ref line_spans_of_view(const Call& call, std::string_view text) {
     if (native_span_steps(call)) {
-        NativeSpans spans;
-        without_gil(text.size() >= kReleaseThreshold, [&] { spans = native_line_spans(text); });
+        const bool on_thread = text.size() >= kScanThreadThreshold;
+        std::optional<SpanScan> scan;
+        without_gil(!on_thread && text.size() >= kReleaseThreshold, [&] { scan.emplace(text, on_thread); });
+        RecordMaker maker(call, LINE_SPAN);
+        // The host's class is called only for a patch read whole and exact,
+        // as it would be without the thread.
+        if (!maker.sealed() && !scan->finish().exact) return HostSpanSteps::read(call, text);
+        GcPause pause(maker.sealed());
+        // The files of a patch repeat each other's line numbers: one int
+        // per small value, made when first needed (ints are immutable). A
+        // span takes a line of at least 12 bytes.
+        std::vector<Ref> small(std::min(kSharedLines, text.size() / 6 + 2));
+        auto line_number = [&](std::int64_t n) {
+            if (n < 0 || static_cast<std::size_t>(n) >= small.size()) return check(PyLong_FromLongLong(n));
+            Ref& shared = small[static_cast<std::size_t>(n)];
+            if (!shared) shared = check(PyLong_FromLongLong(n));
+            return shared;
+        };
+        // Records in patch order, made as the reading finds their spans. The
+        // lock stays held while waiting for it: making a record takes about
+        // as long as finding its span, so each wait is short, and giving the
+        // lock up could cost each time another thread's whole switch interval.
+        std::vector<Ref> records;
+        for (std::size_t i = 0, found = 0;; ++i) {
+            if (i == found && (found = scan->wait_beyond(i)) == i) break;
+            const git_utils::LineSpan& s = scan->span(i);
+            Ref start = line_number(s.start);
+            Ref end = s.end == s.start ? start : line_number(s.end);
+            records.push_back(line_span_record(maker, start.get(), end.get(), s.added));
+        }
+        const NativeSpans& spans = scan->finish();
         if (spans.exact) {
-            RecordMaker maker(call, LINE_SPAN);
-            GcPause pause(maker.sealed());
             std::vector<ListBuilder> lists;
             lists.reserve(spans.names.size());
             for (std::size_t count : spans.counts) lists.emplace_back(maker.sealed(), false, count);
-            // The files of a patch repeat each other's line numbers: one int
-            // per small value, made when first needed (ints are immutable).
-            std::vector<Ref> small(std::min<std::size_t>(kSharedLines, 2 * spans.spans.size()));
-            auto line_number = [&](std::int64_t n) {
-                if (n < 0 || static_cast<std::size_t>(n) >= small.size()) return check(PyLong_FromLongLong(n));
-                Ref& shared = small[static_cast<std::size_t>(n)];
-                if (!shared) shared = check(PyLong_FromLongLong(n));
-                return shared;
-            };
-            for (const auto& [path, s] : spans.spans) {
-                Ref start = line_number(s.start);
-                Ref end = s.end == s.start ? start : line_number(s.end);
-                lists[path].add(line_span_record(maker, start.get(), end.get(), s.added));
-            }
+            for (std::size_t i = 0; i < records.size(); ++i) lists[spans.spans[i].path].add(std::move(records[i]));
             Ref result = check(PyDict_New());
             for (std::size_t i = 0; i < spans.names.size(); ++i) {
                 Ref key = str_from_utf8(spans.names[i]);
@@ -552,9 +576,7 @@ Ref line_spans_of_view(const Call& call, std::string_view text) {
         }
         // A number beyond 64 bits: read again with Python's integers.
     }
-    HostSpanSteps steps(call);
-    scan_patch(steps, text);
-    return steps.result();
+    return HostSpanSteps::read(call, text);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // The patch span parser and its helpers with the native steps.
 #include "src/core/spans.hpp"
 
+#include <system_error>
 #include <unordered_map>
 
 namespace git_utils {
@@ -55,7 +56,8 @@ public:
     using Number = std::int64_t;
     using Path = std::size_t;  // index of the "+++ " line among those naming a newer side
 
-    explicit NativeSpanSteps(NativeSpans& out) : out_(out) {}
+    // With a scan, the spans found are handed over every kBatch spans.
+    explicit NativeSpanSteps(NativeSpans& out, SpanScan* scan = nullptr) : out_(out), scan_(scan) {}
 
     Path patch_path(std::string_view text) {
         struct Views {
@@ -97,10 +99,14 @@ public:
         if (start > (kInt64Max >> 1) || new_count > (kInt64Max >> 1)) out_.exact = false;
         const SpanOf<Saturating> s = span_of<Saturating>(start, new_count, old_count);
         ++out_.counts[path];
-        out_.spans.emplace_back(path, LineSpan{s.start.v, s.end.v, s.added});
+        out_.spans.push(path, LineSpan{s.start.v, s.end.v, s.added});
+        if (scan_ && out_.spans.size() % kBatch == 0) scan_->publish(out_.spans.size(), false);
     }
 
 private:
+    // Small enough that the reader starts early, large enough that the
+    // handing over (a lock and a wake-up) costs nothing next to the spans.
+    static constexpr std::size_t kBatch = 512;
     static constexpr std::size_t kNoValue = static_cast<std::size_t>(-1);
     static constexpr std::size_t kUnset = static_cast<std::size_t>(-1);
     struct Line {
@@ -108,6 +114,7 @@ private:
         std::size_t path;  // index into out_.names, once a hunk came
     };
     NativeSpans& out_;
+    SpanScan* scan_;
     std::vector<Line> lines_;
     std::unordered_map<std::string_view, std::size_t> by_name_;
 };
@@ -174,7 +181,7 @@ LineSpan span(std::int64_t start, std::int64_t new_count, std::int64_t old_count
 }
 
 NativeSpans native_line_spans(std::string_view patch) {
-    NativeSpans out;
+    NativeSpans out(patch);
     NativeSpanSteps steps(out);
     scan_patch(steps, patch);
     return out;
@@ -188,8 +195,65 @@ LineSpansByPath parse_line_spans(std::string_view patch) {
         result.emplace_back(std::string(flat.names[i]), std::vector<LineSpan>());
         result.back().second.reserve(flat.counts[i]);
     }
-    for (const auto& [path, span] : flat.spans) result[path].second.push_back(span);
+    for (std::size_t i = 0; i < flat.spans.size(); ++i) result[flat.spans[i].path].second.push_back(flat.spans[i].span);
     return result;
+}
+
+SpanScan::SpanScan(std::string_view patch, bool on_thread) : result_(patch) {
+    if (on_thread) {
+        try {
+            thread_ = std::thread([this, patch] { read(patch, true); });
+            return;
+        } catch (const std::system_error&) {
+            // No thread to be had (a limit on threads): read it here.
+        }
+    }
+    read(patch, false);
+}
+
+SpanScan::~SpanScan() {
+    stop_.store(true, std::memory_order_relaxed);
+    if (thread_.joinable()) thread_.join();
+}
+
+void SpanScan::read(std::string_view patch, bool publishing) {
+    try {
+        NativeSpanSteps steps(result_, publishing ? this : nullptr);
+        scan_patch(steps, patch);
+    } catch (const Stopped&) {
+    } catch (...) {
+        error_ = std::current_exception();  // read by finish(), after the join
+    }
+    publish(result_.spans.size(), true);
+}
+
+void SpanScan::publish(std::size_t count, bool end) {
+    if (!end && stop_.load(std::memory_order_relaxed)) throw Stopped{};
+    // The spans below `count` were written before this release; a reader
+    // that sees the count with acquire sees them.
+    found_.store(count, std::memory_order_release);
+    if (end) ended_.store(true, std::memory_order_release);
+    // The lock taken between the change and the wake-up: a reader tests
+    // under it, so it cannot test before the change and sleep after the
+    // wake-up.
+    { std::lock_guard<std::mutex> lock(mutex_); }
+    changed_.notify_one();
+}
+
+std::size_t SpanScan::wait_beyond(std::size_t seen) {
+    if (found() == seen && !ended()) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        changed_.wait(lock, [&] { return ended() || found() > seen; });
+    }
+    // Read after ended() (or after a count beyond `seen`): the spans it
+    // counts were all written before it was published.
+    return found();
+}
+
+NativeSpans& SpanScan::finish() {
+    if (thread_.joinable()) thread_.join();
+    if (error_) std::rethrow_exception(error_);
+    return result_;
 }
 
 }  // namespace git_utils

@@ -10,14 +10,21 @@
 // or "@@ ..." is never taken for a header.
 #pragma once
 
+#include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <cstring>
 #include <deque>
+#include <exception>
 #include <limits>
+#include <memory>
+#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <thread>
+#include <vector>
 
 #include "src/core/text.hpp"
 #include "utils/git_utils.hpp"
@@ -251,6 +258,36 @@ private:
 
 namespace git_utils {
 
+// Spans in patch order, each with the index of its path, kept in blocks that
+// never move once made: while one thread adds spans, another may read those
+// already handed over to it (SpanScan publishes the count). The directory of
+// blocks is made whole at the start, from a bound on the count, so adding a
+// block never moves what a reader is looking at.
+class SpanLog {
+public:
+    struct Entry {
+        std::size_t path;
+        LineSpan span;
+    };
+    // At most `most` spans will be added.
+    explicit SpanLog(std::size_t most) : blocks_(most / kBlock + 1) {}
+    void push(std::size_t path, const LineSpan& span) {
+        const std::size_t block = size_ / kBlock;
+        if (block == blocks_.size()) throw std::length_error("more spans than the patch has lines");
+        if (!blocks_[block]) blocks_[block] = std::make_unique<Entry[]>(kBlock);
+        blocks_[block][size_ % kBlock] = Entry{path, span};
+        ++size_;
+    }
+    const Entry& operator[](std::size_t i) const { return blocks_[i / kBlock][i % kBlock]; }
+    // Read by the thread adding spans, or by any thread once it has ended.
+    std::size_t size() const { return size_; }
+
+private:
+    static constexpr std::size_t kBlock = 4096;
+    std::vector<std::unique_ptr<Entry[]>> blocks_;
+    std::size_t size_ = 0;
+};
+
 // `parse_line_spans` with the native steps, laid out flat: each path once,
 // in the order of its first hunk, and every span in patch order with the
 // index of its path. Names are views into the patch, or into `unquoted` for
@@ -259,12 +296,56 @@ namespace git_utils {
 // overflowed them (git writes no such patch); the spans then hold saturated
 // values.
 struct NativeSpans {
+    // Every span starts at a line of its own, so a patch has no more spans
+    // than lines.
+    explicit NativeSpans(std::string_view patch) : spans(patch.size() + 1) {}
     std::vector<std::string_view> names;
     std::vector<std::size_t> counts;  // spans of each path
-    std::vector<std::pair<std::size_t, LineSpan>> spans;
+    SpanLog spans;
     std::deque<std::string> unquoted;
     bool exact = true;
 };
 NativeSpans native_line_spans(std::string_view patch);
+
+// The same patch read on a thread of its own, so that the caller can make
+// its records of the spans found so far while the rest is read. Where no
+// thread can be started the patch is read in the constructor instead.
+class SpanScan {
+public:
+    // Reads `patch` on a new thread when `on_thread`, else here and now.
+    SpanScan(std::string_view patch, bool on_thread);
+    // Stops the reading where it is, when it still runs, and waits for it.
+    ~SpanScan();
+    SpanScan(const SpanScan&) = delete;
+    SpanScan& operator=(const SpanScan&) = delete;
+
+    // Waits until more than `seen` spans are found or the reading ended, and
+    // returns how many are found: `seen` only at the end. Spans below it may
+    // be read with `span`.
+    std::size_t wait_beyond(std::size_t seen);
+    const LineSpan& span(std::size_t i) const { return result_.spans[i].span; }
+    // Waits for the end, and rethrows what stopped the reading (an octal
+    // escape beyond a byte, memory): the whole result.
+    NativeSpans& finish();
+
+    // Called by the reading every so many spans, and at its end; throws
+    // Stopped, mid-way, once the destructor asked the reading to stop.
+    void publish(std::size_t count, bool end);
+    struct Stopped {};
+
+private:
+    void read(std::string_view patch, bool publishing);
+    std::size_t found() const { return found_.load(std::memory_order_acquire); }
+    bool ended() const { return ended_.load(std::memory_order_acquire); }
+
+    NativeSpans result_;
+    std::atomic<std::size_t> found_{0};
+    std::atomic<bool> ended_{false};
+    std::atomic<bool> stop_{false};
+    std::exception_ptr error_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::thread thread_;
+};
 
 }  // namespace git_utils

@@ -367,6 +367,25 @@ def test_each_allocation_failing_in_turn_is_a_memory_error(call):
         pytest.fail("every run failed")
 
 
+def test_memory_error_stops_the_reading_of_a_big_patch():
+    # From 1 MiB on the patch is read on a thread of its own: a failed
+    # allocation while the records are made stops it and waits for it.
+    _testcapi = pytest.importorskip("_testcapi", exc_type=ImportError)
+    patch = PATCH * (2**20 // len(PATCH) + 1)
+    expected = g.parse_line_spans(patch)
+    outcomes = []
+    for n in (100, 1_000, 10_000):
+        _testcapi.set_nomemory(n, n + 1)
+        try:
+            outcomes.append(g.parse_line_spans(patch) == expected)
+        except MemoryError:
+            outcomes.append(MemoryError)
+        finally:
+            _testcapi.remove_mem_hooks()
+    assert outcomes == [MemoryError] * 3
+    assert g.parse_line_spans(patch) == expected
+
+
 def test_fspath_that_empties_the_argument_list(repo):
     class Arg:
         def __init__(self, text):

@@ -294,6 +294,24 @@ def test_agrees_with_baseline(kind, variant, ref, module_state, monkeypatch):
         assert outcome(getattr(g, kind), case) == outcome(getattr(ref, kind), case), case
 
 
+# From 1 MiB on, the patch is read on a thread of its own while the records
+# are made: what stops the reading mid-way (a bad escape, a number beyond 64
+# bits) is met after the records of the first MiB exist.
+@pytest.mark.parametrize("variant, tail", [("as loaded", ""), ("as loaded", '\n+++ "x\\400"'),
+                                           ("as loaded", "\n+++ t\n@@ -1 +99999999999999999999999 @@"),
+                                           ("record classes replaced", "")])
+def test_patch_beyond_a_mebibyte_agrees_with_baseline(variant, tail, ref, module_state, monkeypatch):
+    for name, _, value in VARIANTS[variant]:
+        for module in (module_state, ref):
+            monkeypatch.setattr(module, name, value)
+    pieces = [lambda i: f"+++ f{i % 5000}\n@@ -{i},2 +{i},{i % 3} @@\n-a\n-b" + "\n+c" * (i % 3),
+              lambda i: f'+++ "q\\t{i % 700}"\n@@ -{i} +{i} @@\n-x\n+y',
+              lambda i: "+++ /dev/null\n@@ -1,3 +0,0 @@\n-z\n-z\n-z"]
+    patch = "\n".join(pieces[i % 3](i) for i in range(32_000))
+    assert len(patch) > 2**20
+    assert outcome(g.parse_line_spans, patch + tail) == outcome(ref.parse_line_spans, patch + tail)
+
+
 def test_parsed_records_are_plain_records():
     raw = "\0".join([HEAD + "C50", "s", "d", "1\t0\t", "s", "d", ""])
     pairs = [(g.parse_file_changes(raw)[0], g.FileChange("d", "copied", 1, 0, "s")),
