@@ -257,6 +257,8 @@ INSTANTIATE_TEST_SUITE_P(
                                 RunStatus::Exited, ENOEXEC},
                       SetupCase{"only_a_missing_interpreter", {"nointerp"}, StdinMode::Inherit, "dir",
                                 RunStatus::NotFound, 0},
+                      SetupCase{"only_without_permission", {"noperm"}, StdinMode::Inherit, "dir", RunStatus::Exited,
+                                EACCES},
                       SetupCase{"missing_directory", {"probe"}, StdinMode::Inherit, "missing", RunStatus::NotFound, 0},
                       SetupCase{"directory_is_a_file", {"noexec", "probe"}, StdinMode::Inherit, "file",
                                 RunStatus::Exited, ENOTDIR}),

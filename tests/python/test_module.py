@@ -1,5 +1,5 @@
-"""The module boundary: load, the names it holds, records, function objects, the
-host's start options, and the call-time lookup of the since-value names."""
+# The module boundary: load, the names it holds, records, function objects, the
+# host's start options, and the call-time lookup of the since-value names.
 
 import dataclasses
 import functools
