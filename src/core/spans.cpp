@@ -18,7 +18,19 @@ bool read_number(std::string_view line, std::size_t& pos, Integer& n) {
 }
 
 // The same, saturated: a number beyond 64 bits reads as the largest.
-bool read_saturated(std::string_view line, std::size_t& pos, std::int64_t& n) {
+inline bool read_saturated(std::string_view line, std::size_t& pos, std::int64_t& n) {
+    // What git writes, up to 18 ASCII digits, needs no overflow checks.
+    std::size_t end = pos;
+    std::int64_t v = 0;
+    for (unsigned d; end < line.size() && end - pos < 18 && (d = static_cast<unsigned char>(line[end]) - 48u) <= 9; ++end)
+        v = v * 10 + d;
+    const unsigned next = end < line.size() ? static_cast<unsigned char>(line[end]) : 0;
+    if (end > pos && next - 48u > 9 && next < 0x80) {
+        pos = end;
+        n = v;
+        return true;
+    }
+    // More digits, or a Unicode digit, follow.
     const DigitRun run = read_digits(line, pos);
     n = run.fits ? static_cast<std::int64_t>(run.magnitude) : kInt64Max;
     return run.count != 0;
@@ -61,7 +73,10 @@ public:
     static bool present(Path p) { return p != kNoValue; }
     static bool hunk_header(std::string_view line, HunkHeader<std::int64_t>& h) {
         // Most lines outside hunks are file headers: skip them without a call.
-        return !line.empty() && line[0] == '@' && match_hunk_header_with(line, h, read_saturated);
+        return !line.empty() && line[0] == '@' && match_hunk_header_with(
+                                                      line, h, [](std::string_view l, std::size_t& p, std::int64_t& n) {
+                                                          return read_saturated(l, p, n);
+                                                      });
     }
     static std::int64_t one() { return 1; }
     static std::int64_t counter(std::int64_t n) { return n; }
