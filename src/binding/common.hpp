@@ -136,12 +136,11 @@ std::vector<std::string> str_list_argument(PyObject* value, const char* func, co
                                            bool paths_too = false);
 // A list of str from UTF-8 strings.
 Ref str_list(const std::vector<std::string>& items);
-// An int from a decimal text, with no limit on its digits (Python's limit
-// on converting long digit strings guards against a cost this avoids).
+// An Integer as a Python int: the one conversion of the core's numbers. The
+// digits of one beyond 64 bits are converted with no limit on their count
+// (Python's limit on long digit strings guards against a cost this avoids).
 Ref int_object_unfit(const Integer& i);
-// An Integer as a Python int.
 inline Ref int_object(const Integer& i) { return i.fits() ? check(PyLong_FromLongLong(i.value)) : int_object_unfit(i); }
-Ref int_from_digits(std::string_view ascii_digits);
 // The text form of `repo_root` (str() of it) for the process's working
 // directory, in the operating system's encoding.
 std::string repo_root_text(PyObject* repo_root);

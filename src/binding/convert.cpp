@@ -129,14 +129,13 @@ Ref int_of_ascii(std::string_view digits) {
 }
 }  // namespace
 
-Ref int_from_digits(std::string_view ascii) {
-    const bool negative = !ascii.empty() && ascii[0] == '-';
-    if (!ascii.empty() && (ascii[0] == '-' || ascii[0] == '+')) ascii.remove_prefix(1);
+Ref int_object_unfit(const Integer& i) {
+    std::string_view ascii = *i.digits;
+    const bool negative = ascii[0] == '-';
+    if (negative) ascii.remove_prefix(1);
     Ref value = int_of_ascii(ascii);
     return negative ? check(PyNumber_Negative(value.get())) : value;
 }
-
-Ref int_object_unfit(const Integer& i) { return int_from_digits(*i.digits); }
 
 std::string fs_bytes(PyObject* str, const char* what) {
     Ref bytes = check(PyUnicode_EncodeFSDefault(str));

@@ -82,8 +82,7 @@ public:
     Moment period_start(std::string_view since) { return binding::period_start(call_, since); }
 
     void shortlog_failed(const RunOutcome& result, std::string_view stderr_stripped) {
-        Ref rc = result.returncode_digits.empty() ? check(PyLong_FromLongLong(result.returncode))
-                                                  : int_from_digits(result.returncode_digits);
+        Ref rc = int_object(result.returncode);
         Ref err = str_from_utf8(stderr_stripped);
         log(call_, "debug", "get_authors_for_period: git shortlog failed rc=%s stderr=%s", {rc.get(), err.get()});
     }

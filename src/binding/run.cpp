@@ -200,8 +200,8 @@ public:
 
     void timed_out() { log(call_, "warning", "git command timed out after %ss: args=%s", {timeout().get(), args().get()}); }
     void not_found() { log(call_, "warning", "git executable not found while running args=%s", {args().get()}); }
-    void failed(std::int64_t returncode, std::string_view stderr_stripped) {
-        Ref rc = check(PyLong_FromLongLong(returncode));
+    void failed(const Integer& returncode, std::string_view stderr_stripped) {
+        Ref rc = int_object(returncode);
         Ref err = str_from_utf8(stderr_stripped);
         log(call_, "debug", "git command failed: args=%s rc=%s stderr=%s", {args().get(), rc.get(), err.get()});
     }
@@ -331,13 +331,9 @@ RunOutcome result_of_triple(PyObject* triple) {
         raise(PyExc_TypeError, "run_git_command must return an int exit code, not %.100s", Py_TYPE(code)->tp_name);
     int overflow = 0;
     r.returncode = PyLong_AsLongLongAndOverflow(code, &overflow);
-    if (r.returncode == -1 && PyErr_Occurred()) throw PyErrSet{};
-    if (overflow) {
-        // An exit code beyond 64 bits keeps its digits for the message.
-        Ref digits = check(PyObject_Str(code));
-        r.returncode = overflow;
-        r.returncode_digits = utf8_of(digits.get());
-    }
+    if (r.returncode.value == -1 && PyErr_Occurred()) throw PyErrSet{};
+    // An exit code beyond 64 bits keeps its digits.
+    if (overflow) r.returncode.digits = std::make_shared<const std::string>(utf8_of(check(PyObject_Str(code)).get()));
     return r;
 }
 
@@ -382,8 +378,7 @@ Ref triple_of(const Call& call, const RunOutcome& result) {
     }
     Ref out = str_from_utf8(result.out);
     Ref err = str_from_utf8(result.err);
-    Ref rc = result.returncode_digits.empty() ? check(PyLong_FromLongLong(result.returncode))
-                                              : int_from_digits(result.returncode_digits);
+    Ref rc = int_object(result.returncode);
     return check(PyTuple_Pack(3, out.get(), err.get(), rc.get()));
 }
 
