@@ -127,21 +127,39 @@ Ref ascii_str(std::string_view text);         // text known to be ASCII
 // `scratch` when it holds lone surrogates; hold the str while it is used.
 std::string_view utf8_view(PyObject* str, std::string& scratch);
 std::string utf8_of(PyObject* str);
-// The argument `value` of `func` must be a str; TypeError naming both.
-void require_str(PyObject* value, const char* func, const char* param);
-std::string str_argument(PyObject* value, const char* func, const char* param);
+// An argument as its errors name it: "<function>() argument '<parameter>'".
+// Args<op> gives each parameter with the names of the table
+// (operations.inc); a value that is no parameter (what host code returned)
+// is named by a constant beside the code that reads it.
+struct ArgName {
+    const char* function;
+    const char* parameter;
+};
+struct Param {
+    PyObject* value;
+    ArgName name;
+    operator PyObject*() const { return value; }  // NOLINT(google-explicit-constructor)
+};
+// TypeError: "<function>() argument '<parameter>' must <must>, not <type>".
+[[noreturn]] void wrong_type(const Param& arg, const char* must);
+// The argument must be a str; its UTF-8.
+inline void require_str(const Param& arg) {
+    if (!PyUnicode_Check(arg.value)) wrong_type(arg, "be str");
+}
+inline std::string str_argument(const Param& arg) {
+    require_str(arg);
+    return utf8_of(arg.value);
+}
 // A list (any sequence, not str or bytes) of str, as UTF-8 strings;
 // `paths_too` also takes bytes and os.PathLike items, as process arguments.
-std::vector<std::string> str_list_argument(PyObject* value, const char* func, const char* param,
-                                           bool paths_too = false);
+std::vector<std::string> str_list_argument(const Param& arg, bool paths_too = false);
 // A list of str from UTF-8 strings.
 Ref str_list(const std::vector<std::string>& items);
-// An int from a decimal text, with no limit on its digits (Python's limit
-// on converting long digit strings guards against a cost this avoids).
+// An Integer as a Python int: the one conversion of the core's numbers. The
+// digits of one beyond 64 bits are converted with no limit on their count
+// (Python's limit on long digit strings guards against a cost this avoids).
 Ref int_object_unfit(const Integer& i);
-// An Integer as a Python int.
 inline Ref int_object(const Integer& i) { return i.fits() ? check(PyLong_FromLongLong(i.value)) : int_object_unfit(i); }
-Ref int_from_digits(std::string_view ascii_digits);
 // The text form of `repo_root` (str() of it) for the process's working
 // directory, in the operating system's encoding.
 std::string repo_root_text(PyObject* repo_root);
@@ -149,7 +167,7 @@ std::string repo_root_text(PyObject* repo_root);
 // interpreter's own encoder); ValueError naming `what` for an embedded NUL.
 std::string fs_bytes(PyObject* str, const char* what);
 // A datetime as the moment it names, read through datetime's own fields.
-Moment moment_argument(const Call& call, PyObject* value, const char* func, const char* param);
+Moment moment_argument(const Call& call, const Param& arg);
 // A Path of the namespace from a path in the operating system's encoding.
 Ref path_object(const Call& call, const std::string& os_path);
 
@@ -213,10 +231,12 @@ const std::vector<FunctionDef>& function_defs();
 
 // The arguments of each operation, read by parameter name (args.repo_root())
 // from the parsed argument array, in parameter order with the defaults filled
-// in; borrowed from the caller for the call. Args holds only the array, so
-// the step from the function table to the implementation costs a jump.
-// Fields<op> numbers the parameters, Args<op> reads them; impl(call, args)
-// is the implementation (one file per family).
+// in; borrowed from the caller for the call. Each comes as a Param named
+// after the operation and the parameter, so that no error spells them by
+// hand. Args holds only the array, so the step from the function table to
+// the implementation costs a jump. Fields<op> numbers the parameters,
+// Args<op> reads them; impl(call, args) is the implementation (one file per
+// family).
 template <Name N>
 struct Fields;
 template <Name N>
@@ -233,17 +253,18 @@ struct Args;
 #include "operations.inc"
 #undef PARAM
 #undef PARAM_AS
-#define PARAM(name, annotation, dflt) \
-    PyObject* name() const { return values[F::name]; }
-#define PARAM_AS(field, name, annotation, dflt) PARAM(field, annotation, dflt)
+#define PARAM_AS(field, name, annotation, dflt) \
+    Param field() const { return {values[F::field], {function, #name}}; }
+#define PARAM(name, annotation, dflt) PARAM_AS(name, name, annotation, dflt)
 #undef OPERATION
-#define OPERATION(id, returns, doc, params) \
-    template <>                              \
-    struct Args<id> {                        \
-        using F = Fields<id>;                \
-        PyObject* const* values;             \
-        params                               \
-    };                                       \
+#define OPERATION(id, returns, doc, params)         \
+    template <>                                      \
+    struct Args<id> {                                \
+        using F = Fields<id>;                        \
+        static constexpr const char* function = #id; \
+        PyObject* const* values;                     \
+        params                                       \
+    };                                               \
     Ref impl(const Call& call, Args<id> args);
 #include "operations.inc"
 #undef NAME
@@ -431,6 +452,7 @@ struct RunRequest {
     PyObject* args_object = nullptr;  // the caller's list, when there is one (for host code and the log)
     PyObject* timeout = nullptr;      // the caller's limit; null: the default
     StdinMode stdin_mode = StdinMode::Inherit;
+    std::optional<double> seconds = DEFAULT_TIMEOUT;  // the limit as read (no value: none)
 };
 // `run_git_command` as the namespace holds it now.
 RunOutcome run_through_namespace(const Call& call, const RunRequest& request);

@@ -59,25 +59,19 @@ std::string utf8_of(PyObject* str) {
     return scratch.empty() ? std::string(view) : scratch;
 }
 
-void require_str(PyObject* value, const char* func, const char* param) {
-    if (!PyUnicode_Check(value))
-        raise(PyExc_TypeError, "%s() argument '%s' must be str, not %.100s", func, param, Py_TYPE(value)->tp_name);
+void wrong_type(const Param& arg, const char* must) {
+    raise(PyExc_TypeError, "%s() argument '%s' must %s, not %.100s", arg.name.function, arg.name.parameter, must,
+          Py_TYPE(arg.value)->tp_name);
 }
 
-std::string str_argument(PyObject* value, const char* func, const char* param) {
-    require_str(value, func, param);
-    return utf8_of(value);
-}
-
-std::vector<std::string> str_list_argument(PyObject* value, const char* func, const char* param, bool paths_too) {
+std::vector<std::string> str_list_argument(const Param& arg, bool paths_too) {
     // A str is a sequence of one-character strs; taken for a list it would
     // become one argument per character.
-    if (PyUnicode_Check(value) || PyBytes_Check(value) || PyByteArray_Check(value))
-        raise(PyExc_TypeError, "%s() argument '%s' must be a list of str, not %.100s", func, param,
-              Py_TYPE(value)->tp_name);
+    if (PyUnicode_Check(arg.value) || PyBytes_Check(arg.value) || PyByteArray_Check(arg.value))
+        wrong_type(arg, "be a list of str");
     // A tuple of its own: reading an element may run the host's code, which
     // must not be able to shrink or free what is still to be read.
-    Ref seq = check(PySequence_Tuple(value));
+    Ref seq = check(PySequence_Tuple(arg.value));
     const Py_ssize_t n = PyTuple_GET_SIZE(seq.get());
     std::vector<std::string> out;
     out.reserve(static_cast<std::size_t>(n));
@@ -94,9 +88,7 @@ std::vector<std::string> str_list_argument(PyObject* value, const char* func, co
                 item = check(PyUnicode_DecodeFSDefaultAndSize(PyBytes_AS_STRING(item.get()), PyBytes_GET_SIZE(item.get())));
             }
         }
-        if (!PyUnicode_Check(item.get()))
-            raise(PyExc_TypeError, "%s() argument '%s' must hold only str, not %.100s", func, param,
-                  Py_TYPE(item.get())->tp_name);
+        if (!PyUnicode_Check(item.get())) wrong_type({item.get(), arg.name}, "hold only str");
         out.push_back(utf8_of(item.get()));
     }
     return out;
@@ -129,14 +121,13 @@ Ref int_of_ascii(std::string_view digits) {
 }
 }  // namespace
 
-Ref int_from_digits(std::string_view ascii) {
-    const bool negative = !ascii.empty() && ascii[0] == '-';
-    if (!ascii.empty() && (ascii[0] == '-' || ascii[0] == '+')) ascii.remove_prefix(1);
+Ref int_object_unfit(const Integer& i) {
+    std::string_view ascii = *i.digits;
+    const bool negative = ascii[0] == '-';
+    if (negative) ascii.remove_prefix(1);
     Ref value = int_of_ascii(ascii);
     return negative ? check(PyNumber_Negative(value.get())) : value;
 }
-
-Ref int_object_unfit(const Integer& i) { return int_from_digits(*i.digits); }
 
 std::string fs_bytes(PyObject* str, const char* what) {
     Ref bytes = check(PyUnicode_EncodeFSDefault(str));
@@ -150,10 +141,10 @@ std::string repo_root_text(PyObject* repo_root) {
     return fs_bytes(text.get(), "repo_root");
 }
 
-Moment moment_argument(const Call& call, PyObject* value, const char* func, const char* param) {
-    PyObject* type = call.st->datetime_type;
-    if (!PyObject_TypeCheck(value, reinterpret_cast<PyTypeObject*>(type)))
-        raise(PyExc_TypeError, "%s() argument '%s' must be datetime, not %.100s", func, param, Py_TYPE(value)->tp_name);
+Moment moment_argument(const Call& call, const Param& arg) {
+    PyObject* const type = call.st->datetime_type;
+    PyObject* const value = arg.value;
+    if (!PyObject_TypeCheck(value, reinterpret_cast<PyTypeObject*>(type))) wrong_type(arg, "be datetime");
     // Each field through datetime's own descriptor, as strftime reads it: a
     // subclass that redefines `year` cannot hand over something else. The
     // names are interned: the type's attribute cache keeps the name object

@@ -91,19 +91,13 @@ void exec_steps(PyObject* module) {
     st->modified = str_from_utf8(DEFAULT_STATUS).release();
     PyUnicode_InternInPlace(&st->modified);
 
-    // Imports, kept as module attributes.
-    bind(module, logging, import_module("logging"));
-    bind(module, re, import_module("re"));
-    bind(module, subprocess, import_module("subprocess"));
-    bind(module, Sequence, import_from("collections.abc", "Sequence"));
-    bind(module, dataclass, import_from("dataclasses", "dataclass"));
-    bind(module, datetime, import_from("datetime", "datetime"));
-    bind(module, timedelta, import_from("datetime", "timedelta"));
-    bind(module, Path, import_from("pathlib", "Path"));
-    bind(module, Any, import_from("typing", "Any"));
-    bind(module, best_effort, import_from("vantrel_sorlith.utils.best_effort", "best_effort"));
-    bind(module, get_subprocess_hidden_kwargs,
-         import_from("vantrel_sorlith.utils.process", "get_subprocess_hidden_kwargs"));
+    // Imports, kept as module attributes: `import id`, or `from module import id`.
+#define NAME(id)
+#define OPERATION(id, returns, doc, params)
+#define IMPORT(id, from) bind(module, id, *(from) ? import_from(from, #id) : import_module(#id));
+#include "operations.inc"
+#undef NAME
+#undef OPERATION
     st->datetime_type = Py_NewRef(st->own[datetime]);
 
     // The logger, named after the module's full import name.

@@ -241,7 +241,7 @@ private:
 Ref commit_changes_of_view(const Call& call, std::string_view text, bool ascii) {
     Ref file_changes = call.get(_file_changes);
     Ref start_obj = call.get(_COMMIT_START);
-    require_str(start_obj.get(), "parse_commit_changes", "_COMMIT_START");
+    require_str({start_obj.get(), {"parse_commit_changes", "_COMMIT_START"}});
     const std::string start = utf8_of(start_obj.get());
 
     ChangeSteps steps(call);
@@ -349,7 +349,7 @@ public:
         const std::size_t start = byte_offset(index_of(m, "start"));
         const std::size_t end = byte_offset(index_of(m, "end"));
         Ref code = call_method(m.get(), "group", {small_int(1).get()});
-        codes_.push_back(str_argument(code.get(), "_unquote", "_C_ESCAPE group"));
+        codes_.push_back(str_argument({code.get(), {"_unquote", "_C_ESCAPE group"}}));
         return Escape{start, std::max(start, end), codes_.back()};
     }
 
@@ -357,7 +357,7 @@ public:
         if (native_letters_) return NativeEscapes::letter(code, bytes);
         Ref key = str_from_utf8(code);
         Ref mapped = call_method(table_.get(), "get", {key.get(), key.get()});
-        bytes += str_argument(mapped.get(), "_unquote", "_C_ESCAPES value");
+        bytes += str_argument({mapped.get(), {"_unquote", "_C_ESCAPES value"}});
     }
 
 private:
@@ -611,16 +611,14 @@ Ref line_spans_of(const Call& call, Text& text) {
 }
 
 Ref impl(const Call& call, Args<parse_file_changes> args) {
-    require_str(args.output(), "parse_file_changes", "output");
+    require_str(args.output());
     Ref output = Ref::borrow(args.output());
     std::string scratch;
     return file_changes_of_view(call, utf8_view(output.get(), scratch), PyUnicode_IS_ASCII(output.get()));
 }
 
 Ref impl(const Call& call, Args<_file_changes> args) {
-    if (PyUnicode_Check(args.tokens()) || PyBytes_Check(args.tokens()))
-        raise(PyExc_TypeError, "_file_changes() argument 'tokens' must be a sequence of str, not %.100s",
-              Py_TYPE(args.tokens())->tp_name);
+    if (PyUnicode_Check(args.tokens()) || PyBytes_Check(args.tokens())) wrong_type(args.tokens(), "be a sequence of str");
     // A tuple of its own keeps every token alive while views into them are
     // read (the host's steps run their code in between).
     Ref seq = check(PySequence_Tuple(args.tokens()));
@@ -635,7 +633,7 @@ Ref impl(const Call& call, Args<_file_changes> args) {
     bool ascii = true;
     for (Py_ssize_t i = 0; i < n; ++i) {
         PyObject* item = PyTuple_GET_ITEM(seq.get(), i);
-        require_str(item, "_file_changes", "tokens");
+        require_str({item, args.tokens().name});
         ascii = ascii && PyUnicode_IS_ASCII(item);
         const std::string_view v = utf8_view(item, scratch.back());
         if (!scratch.back().empty()) scratch.emplace_back();  // keep that buffer alive
@@ -646,20 +644,20 @@ Ref impl(const Call& call, Args<_file_changes> args) {
 }
 
 Ref impl(const Call&, Args<_line_count> args) {
-    require_str(args.field(), "_line_count", "field");
+    require_str(args.field());
     std::string scratch;
     return int_object(line_count(utf8_view(args.field(), scratch)));
 }
 
 Ref impl(const Call& call, Args<parse_commit_changes> args) {
-    require_str(args.output(), "parse_commit_changes", "output");
+    require_str(args.output());
     Ref output = Ref::borrow(args.output());
     std::string scratch;
     return commit_changes_of_view(call, utf8_view(output.get(), scratch), PyUnicode_IS_ASCII(output.get()));
 }
 
 Ref impl(const Call& call, Args<parse_line_spans> args) {
-    require_str(args.patch(), "parse_line_spans", "patch");
+    require_str(args.patch());
     Ref patch = Ref::borrow(args.patch());
     std::string scratch;
     return line_spans_of_view(call, utf8_view(patch.get(), scratch));
@@ -670,7 +668,7 @@ Ref impl(const Call& call, Args<_span> args) {
 }
 
 Ref impl(const Call& call, Args<_patch_path> args) {
-    require_str(args.text(), "_patch_path", "text");
+    require_str(args.text());
     Ref text = Ref::borrow(args.text());
     std::string scratch;
     const std::string_view utf8 = utf8_view(text.get(), scratch);
@@ -679,7 +677,7 @@ Ref impl(const Call& call, Args<_patch_path> args) {
 }
 
 Ref impl(const Call& call, Args<_unquote> args) {
-    require_str(args.text(), "_unquote", "text");
+    require_str(args.text());
     Ref text = Ref::borrow(args.text());
     return own_unquote(call, text.get());
 }

@@ -10,6 +10,10 @@
 namespace git_utils::binding {
 namespace {
 
+// How errors name what the namespace's _PATCH_OPTIONS and _path_batches hold.
+constexpr ArgName PATCH_OPTIONS_NAME{"diff_line_spans", "_PATCH_OPTIONS"};
+constexpr ArgName PATH_BATCHES_NAME{"diff_line_spans", "_path_batches result"};
+
 // `_MAX_PATHSPEC_CHARS` as the namespace holds it, as a 64-bit budget.
 std::int64_t path_budget(const Call& call) {
     Ref value = call.get(_MAX_PATHSPEC_CHARS);
@@ -28,8 +32,8 @@ class BindingGit {
 public:
     using Text = binding::Text;
 
-    BindingGit(const Call& call, PyObject* repo_root, PyObject* paths = nullptr)
-        : call_(call), root_(Ref::borrow(repo_root)), paths_(Ref::borrow(paths)) {}
+    BindingGit(const Call& call, PyObject* repo_root, const Param& paths = {})
+        : call_(call), root_(Ref::borrow(repo_root)), paths_(Ref::borrow(paths.value)), paths_name_(paths.name) {}
 
     RunOutcome run(std::vector<std::string> args, StdinMode mode = StdinMode::Inherit) {
         RunRequest request{root_.get(), std::move(args)};
@@ -61,7 +65,7 @@ public:
     std::vector<std::string> patch_options() {
         Ref options = call_.get(_PATCH_OPTIONS);
         if (call_.is_own(_PATCH_OPTIONS, options)) return args::patch_options();  // a tuple: it cannot change
-        return str_list_argument(options.get(), "diff_line_spans", "_PATCH_OPTIONS");
+        return str_list_argument({options.get(), PATCH_OPTIONS_NAME});
     }
 
     bool has_paths() { return check(PyObject_IsTrue(paths_.get())) == 1; }
@@ -70,20 +74,19 @@ public:
         Ref fn = call_.get(_path_batches);
         std::vector<std::vector<std::string>> batches;
         if (call_.is_own(_path_batches, fn))
-            return git_utils::path_batches(str_list_argument(paths_.get(), "diff_line_spans", "paths", true),
+            return git_utils::path_batches(str_list_argument({paths_.get(), paths_name_}, true),
                                            path_budget(call_));
         Ref got = invoke(fn.get(), {paths_.get()});
         Ref outer = host_tuple(got.get());
         for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(outer.get()); ++i)
-            batches.push_back(str_list_argument(PyTuple_GET_ITEM(outer.get(), i), "diff_line_spans", "_path_batches result"));
+            batches.push_back(str_list_argument({PyTuple_GET_ITEM(outer.get(), i), PATH_BATCHES_NAME}));
         return batches;
     }
 
     Moment period_start(std::string_view since) { return binding::period_start(call_, since); }
 
     void shortlog_failed(const RunOutcome& result, std::string_view stderr_stripped) {
-        Ref rc = result.returncode_digits.empty() ? check(PyLong_FromLongLong(result.returncode))
-                                                  : int_from_digits(result.returncode_digits);
+        Ref rc = int_object(result.returncode);
         Ref err = str_from_utf8(stderr_stripped);
         log(call_, "debug", "get_authors_for_period: git shortlog failed rc=%s stderr=%s", {rc.get(), err.get()});
     }
@@ -92,6 +95,7 @@ private:
     const Call& call_;
     Ref root_;
     Ref paths_;
+    ArgName paths_name_;
 };
 
 Ref text_or_none(const std::optional<std::string>& text) { return text ? str_from_utf8(*text) : Ref::borrow(Py_None); }
@@ -146,7 +150,7 @@ Ref impl(const Call& call, Args<resolve_display_branch> args) {
 
 Ref impl(const Call&, Args<normalize_branch_name> args) {
     if (args.name() == Py_None) return Ref::borrow(Py_None);
-    const std::string name = str_argument(args.name(), "normalize_branch_name", "name");
+    const std::string name = str_argument(args.name());
     return text_or_none(git_utils::normalize_branch_name(name));
 }
 
@@ -162,13 +166,13 @@ Ref impl(const Call& call, Args<get_default_branch> args) {
 }
 
 Ref impl(const Call& call, Args<branch_exists> args) {
-    const std::string branch = str_argument(args.branch(), "branch_exists", "branch");
+    const std::string branch = str_argument(args.branch());
     BindingGit git(call, args.repo_root());
     return Ref::borrow(git_utils::branch_exists(git, branch) ? Py_True : Py_False);
 }
 
 Ref impl(const Call& call, Args<get_authors_for_period> args) {
-    const std::string since = str_argument(args.since(), "get_authors_for_period", "since");
+    const std::string since = str_argument(args.since());
     BindingGit git(call, args.repo_root());
     ListBuilder list;
     git_utils::authors_for_period(git, since, [&](std::string_view name, std::string_view email, const Integer& commits) {
@@ -181,39 +185,37 @@ Ref impl(const Call& call, Args<get_authors_for_period> args) {
 }
 
 Ref impl(const Call& call, Args<resolve_commit> args) {
-    const std::string name = str_argument(args.name(), "resolve_commit", "name");
+    const std::string name = str_argument(args.name());
     BindingGit git(call, args.repo_root());
     return text_or_none(git_utils::resolve_commit(git, name));
 }
 
 Ref impl(const Call& call, Args<count_commits> args) {
-    const std::string base = str_argument(args.base(), "count_commits", "base");
-    const std::string head = str_argument(args.head(), "count_commits", "head");
+    const std::string base = str_argument(args.base());
+    const std::string head = str_argument(args.head());
     BindingGit git(call, args.repo_root());
     return int_object(git_utils::count_commits(git, base, head));
 }
 
 Ref impl(const Call& call, Args<commit_before> args) {
-    const std::string ref = str_argument(args.ref(), "commit_before", "ref");
-    const Moment moment = moment_argument(call, args.moment(), "commit_before", "moment");
+    const std::string ref = str_argument(args.ref());
+    const Moment moment = moment_argument(call, args.moment());
     BindingGit git(call, args.repo_root());
     return text_or_none(git_utils::commit_before(git, ref, moment));
 }
 
 Ref impl(const Call& call, Args<diff_file_changes> args) {
-    const std::string base = str_argument(args.base(), "diff_file_changes", "base");
-    const std::string head = str_argument(args.head(), "diff_file_changes", "head");
+    const std::string base = str_argument(args.base());
+    const std::string head = str_argument(args.head());
     BindingGit git(call, args.repo_root());
     return git_utils::diff_file_changes(git, base, head);
 }
 
 Ref impl(const Call& call, Args<log_commit_changes> args) {
-    const Moment since = moment_argument(call, args.since(), "log_commit_changes", "since");
+    const Moment since = moment_argument(call, args.since());
     std::optional<std::string> ref;
-    if (args.ref() != Py_None) ref = str_argument(args.ref(), "log_commit_changes", "ref");
-    if (!PyLong_Check(args.max_commits()))
-        raise(PyExc_TypeError, "log_commit_changes() argument 'max_commits' must be int, not %.100s",
-              Py_TYPE(args.max_commits())->tp_name);
+    if (args.ref() != Py_None) ref = str_argument(args.ref());
+    if (!PyLong_Check(args.max_commits())) wrong_type(args.max_commits(), "be int");
     Ref count = check(PyNumber_Long(args.max_commits()));  // True counts as 1, written as such
     Ref digits = check(PyObject_Str(count.get()));
     BindingGit git(call, args.repo_root());
@@ -221,21 +223,18 @@ Ref impl(const Call& call, Args<log_commit_changes> args) {
 }
 
 Ref impl(const Call& call, Args<diff_line_spans> args) {
-    const std::string base = str_argument(args.base(), "diff_line_spans", "base");
-    const std::string head = str_argument(args.head(), "diff_line_spans", "head");
+    const std::string base = str_argument(args.base());
+    const std::string head = str_argument(args.head());
     const bool merge_base = check(PyObject_IsTrue(args.merge_base())) == 1;
     if (PyUnicode_Check(args.paths()) || PyBytes_Check(args.paths()) || PyByteArray_Check(args.paths()))
-        raise(PyExc_TypeError, "diff_line_spans() argument 'paths' must be a sequence of str, not %.100s",
-              Py_TYPE(args.paths())->tp_name);
-    const std::string filter = str_argument(args.diff_filter(), "diff_line_spans", "diff_filter");
+        wrong_type(args.paths(), "be a sequence of str");
+    const std::string filter = str_argument(args.diff_filter());
     BindingGit git(call, args.repo_root(), args.paths());
     return git_utils::diff_line_spans(git, base, head, merge_base, filter);
 }
 
 Ref impl(const Call& call, Args<_path_batches> args) {
-    if (PyUnicode_Check(args.paths()) || PyBytes_Check(args.paths()))
-        raise(PyExc_TypeError, "_path_batches() argument 'paths' must be a sequence of str, not %.100s",
-              Py_TYPE(args.paths())->tp_name);
+    if (PyUnicode_Check(args.paths()) || PyBytes_Check(args.paths())) wrong_type(args.paths(), "be a sequence of str");
     // A tuple of its own: len() of a path may run the host's code.
     Ref paths = check(PySequence_Tuple(args.paths()));
     const std::int64_t budget = path_budget(call);

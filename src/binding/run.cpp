@@ -13,6 +13,10 @@
 namespace git_utils::binding {
 namespace {
 
+// How errors name the outputs of a host's subprocess.run and run_git_command.
+constexpr ArgName SUBPROCESS_STDOUT{"subprocess.run", "stdout"}, SUBPROCESS_STDERR{"subprocess.run", "stderr"};
+constexpr ArgName HOST_STDOUT{"run_git_command", "stdout"}, HOST_STDERR{"run_git_command", "stderr"};
+
 // The extra start options of one run, from the namespace's
 // get_subprocess_hidden_kwargs().
 struct HostOptions {
@@ -174,11 +178,9 @@ Environment process_environment() {
 }
 
 // The time limit of a run: None for none; a number of seconds otherwise.
-std::optional<double> seconds_of(PyObject* timeout) {
-    if (timeout == Py_None) return std::nullopt;
-    if (!PyLong_Check(timeout) && !PyFloat_Check(timeout))
-        raise(PyExc_TypeError, "run_git_command() argument 'timeout' must be int, float or None, not %.100s",
-              Py_TYPE(timeout)->tp_name);
+std::optional<double> seconds_of(const Param& timeout) {
+    if (timeout.value == Py_None) return std::nullopt;
+    if (!PyLong_Check(timeout.value) && !PyFloat_Check(timeout.value)) wrong_type(timeout, "be int, float or None");
     const double seconds = PyFloat_AsDouble(timeout);
     if (seconds == -1.0 && PyErr_Occurred()) throw PyErrSet{};
     // As subprocess.run and time.sleep refuse it: NaN names no time.
@@ -200,8 +202,8 @@ public:
 
     void timed_out() { log(call_, "warning", "git command timed out after %ss: args=%s", {timeout().get(), args().get()}); }
     void not_found() { log(call_, "warning", "git executable not found while running args=%s", {args().get()}); }
-    void failed(std::int64_t returncode, std::string_view stderr_stripped) {
-        Ref rc = check(PyLong_FromLongLong(returncode));
+    void failed(const Integer& returncode, std::string_view stderr_stripped) {
+        Ref rc = int_object(returncode);
         Ref err = str_from_utf8(stderr_stripped);
         log(call_, "debug", "git command failed: args=%s rc=%s stderr=%s", {args().get(), rc.get(), err.get()});
     }
@@ -227,7 +229,7 @@ private:
         RunOptions run;
         run.stdin_mode = request_.stdin_mode;
         run.start = options.start;
-        run.timeout = request_.timeout ? seconds_of(request_.timeout) : std::optional<double>(DEFAULT_TIMEOUT);
+        run.timeout = request_.seconds;
         run.env = options.env && options.env.get() != Py_None ? environment(options.env.get()) : process_environment();
 
         // The lock is released for the whole run; a signal that interrupts
@@ -301,8 +303,8 @@ private:
         Ref out = attr(completed.get(), "stdout");
         Ref err = attr(completed.get(), "stderr");
         Ref rc = attr(completed.get(), "returncode");
-        if (out.get() != Py_None) outcome.out = str_argument(out.get(), "subprocess.run", "stdout");
-        if (err.get() != Py_None) outcome.err = str_argument(err.get(), "subprocess.run", "stderr");
+        if (out.get() != Py_None) outcome.out = str_argument({out.get(), SUBPROCESS_STDOUT});
+        if (err.get() != Py_None) outcome.err = str_argument({err.get(), SUBPROCESS_STDERR});
         // Windows gives exit codes up to 4294967295.
         int overflow = 0;
         const long long code = PyLong_Check(rc.get()) ? PyLong_AsLongLongAndOverflow(rc.get(), &overflow) : 0;
@@ -324,20 +326,16 @@ RunOutcome result_of_triple(PyObject* triple) {
         raise(PyExc_TypeError, "run_git_command must return (stdout, stderr, returncode), not %zd values",
               PyTuple_GET_SIZE(seq.get()));
     RunOutcome r;
-    r.out = str_argument(PyTuple_GET_ITEM(seq.get(), 0), "run_git_command", "stdout");
-    r.err = str_argument(PyTuple_GET_ITEM(seq.get(), 1), "run_git_command", "stderr");
+    r.out = str_argument({PyTuple_GET_ITEM(seq.get(), 0), HOST_STDOUT});
+    r.err = str_argument({PyTuple_GET_ITEM(seq.get(), 1), HOST_STDERR});
     PyObject* code = PyTuple_GET_ITEM(seq.get(), 2);
     if (!PyLong_Check(code))
         raise(PyExc_TypeError, "run_git_command must return an int exit code, not %.100s", Py_TYPE(code)->tp_name);
     int overflow = 0;
     r.returncode = PyLong_AsLongLongAndOverflow(code, &overflow);
-    if (r.returncode == -1 && PyErr_Occurred()) throw PyErrSet{};
-    if (overflow) {
-        // An exit code beyond 64 bits keeps its digits for the message.
-        Ref digits = check(PyObject_Str(code));
-        r.returncode = overflow;
-        r.returncode_digits = utf8_of(digits.get());
-    }
+    if (r.returncode.value == -1 && PyErr_Occurred()) throw PyErrSet{};
+    // An exit code beyond 64 bits keeps its digits.
+    if (overflow) r.returncode.digits = std::make_shared<const std::string>(utf8_of(check(PyObject_Str(code)).get()));
     return r;
 }
 
@@ -382,19 +380,18 @@ Ref triple_of(const Call& call, const RunOutcome& result) {
     }
     Ref out = str_from_utf8(result.out);
     Ref err = str_from_utf8(result.err);
-    Ref rc = result.returncode_digits.empty() ? check(PyLong_FromLongLong(result.returncode))
-                                              : int_from_digits(result.returncode_digits);
+    Ref rc = int_object(result.returncode);
     return check(PyTuple_Pack(3, out.get(), err.get(), rc.get()));
 }
 
 Ref impl(const Call& call, Args<run_git_command> args) {
-    RunRequest request{args.repo_root(), str_list_argument(args.args(), "run_git_command", "args", true), args.args(), args.timeout()};
-    if (args.timeout() != Py_None) (void)seconds_of(args.timeout());  // a bad limit fails before anything runs
+    RunRequest request{args.repo_root(), str_list_argument(args.args(), true), args.args(), args.timeout()};
+    request.seconds = seconds_of(args.timeout());  // a bad limit fails before anything runs
     return triple_of(call, run_own(call, request));
 }
 
 Ref impl(const Call& call, Args<_git_output> args) {
-    RunRequest request{args.repo_root(), str_list_argument(args.args(), "_git_output", "args", true), args.args()};
+    RunRequest request{args.repo_root(), str_list_argument(args.args(), true), args.args()};
     return str_from_utf8(checked_own(call, request));
 }
 

@@ -10,6 +10,10 @@
 namespace git_utils::binding {
 namespace {
 
+// How errors name what a host's _RELATIVE_SPEC and parse_time_spec gave.
+constexpr ArgName SPEC_DIGITS{"parse_time_spec", "_RELATIVE_SPEC group 1"};
+constexpr ArgName SPEC_UNIT{"parse_time_spec", "_RELATIVE_SPEC group 2"}, SPEC_RESULT{"parse_time_spec", "result"};
+
 class TimeSteps {
 public:
     using Result = Ref;
@@ -24,8 +28,8 @@ public:
         if (m.get() == Py_None) return std::nullopt;
         Ref digits = call_method(m.get(), "group", {small_int(1).get()});
         Ref unit = call_method(m.get(), "group", {small_int(2).get()});
-        digits_ = str_argument(digits.get(), "parse_time_spec", "_RELATIVE_SPEC group 1");
-        unit_ = str_argument(unit.get(), "parse_time_spec", "_RELATIVE_SPEC group 2");
+        digits_ = str_argument({digits.get(), SPEC_DIGITS});
+        unit_ = str_argument({unit.get(), SPEC_UNIT});
         return RelativeSince{digits_, unit_};
     }
 
@@ -106,11 +110,11 @@ Moment period_start(const Call& call, std::string_view since) {
     Ref fn = call.get(parse_time_spec);
     Ref moment = call.is_own(parse_time_spec, fn) ? own_time_spec(call, text.get())
                                                   : invoke(fn.get(), {text.get()});
-    return moment_argument(call, moment.get(), "parse_time_spec", "result");
+    return moment_argument(call, {moment.get(), SPEC_RESULT});
 }
 
 Ref impl(const Call& call, Args<parse_time_spec> args) {
-    require_str(args.since(), "parse_time_spec", "since");
+    require_str(args.since());
     return own_time_spec(call, args.since());
 }
 

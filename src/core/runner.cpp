@@ -99,8 +99,7 @@ RunOutcome not_found_result() { return fixed_result(RunStatus::NotFound, NOT_FOU
 std::string git_error_message(const RunOutcome& result) {
     const std::string_view trimmed = strip(result.err);
     if (!trimmed.empty()) return std::string(trimmed);
-    return "git exited with code " +
-           (result.returncode_digits.empty() ? std::to_string(result.returncode) : result.returncode_digits);
+    return "git exited with code " + result.returncode.text();
 }
 
 namespace {
@@ -112,7 +111,7 @@ struct NativeRunSteps {
     RunOutcome start() { return run_git_process(args, cwd, options); }
     void timed_out() {}
     void not_found() {}
-    void failed(int, std::string_view) {}
+    void failed(const Integer&, std::string_view) {}
 };
 }  // namespace
 
@@ -126,7 +125,8 @@ RunOutcome run_native(const std::string& repo_root, const std::vector<std::strin
 
 GitResult run_git_command(const std::string& repo_root, const std::vector<std::string>& args,
                           std::optional<double> timeout, StdinMode stdin_mode) {
-    return std::move(run_native(repo_root, args, timeout, stdin_mode));
+    RunOutcome r = run_native(repo_root, args, timeout, stdin_mode);
+    return {std::move(r.out), std::move(r.err), r.returncode.value, r.status};  // git's own codes fit
 }
 
 }  // namespace git_utils

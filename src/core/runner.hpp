@@ -120,18 +120,19 @@ void check_start_options(const Names& names) {
 
 // ---- What one run gives ----------------------------------------------------
 
-// The one result type of a run: the public triple with its status, plus what
+// The one result type of a run: the public triple with its status (the exit
+// code an Integer, as a host's runner may return any integer), plus what
 // only the runner and the binding need. There is no separate raw type: out
 // and err hold git's bytes as read (from the platform code, or a host's
 // subprocess) until run_with() decodes them in place, and the decoded triple
 // is what leaves run_with(). The platform code fills only status, returncode
 // and `interrupted`; its bytes arrive through process::OutputBuffer.
-struct RunOutcome : GitResult {
+struct RunOutcome {
+    std::string out, err;
+    Integer returncode;
+    RunStatus status = RunStatus::Exited;
     // With RunStatus::TimedOut: the interrupt hook, not the deadline, ended it.
     bool interrupted = false;
-    // The exit code in decimal when it does not fit `returncode` (a host's
-    // runner may return any integer); empty otherwise.
-    std::string returncode_digits;
 };
 
 // Starts `git args...` in `cwd`, git found on the PATH of the environment it
@@ -160,7 +161,7 @@ RunOutcome not_found_result();
 //   RunOutcome start();                    // the process: raw bytes and how it ended
 //   void timed_out();                      // "git command timed out after %ss: args=%s"
 //   void not_found();                      // "git executable not found while running args=%s"
-//   void failed(std::int64_t returncode, std::string_view stderr_stripped);  // "git command failed: ..."
+//   void failed(const Integer& returncode, std::string_view stderr_stripped);  // "git command failed: ..."
 template <class Steps>
 RunOutcome run_with(Steps& steps) {
     RunOutcome outcome = steps.start();
@@ -181,7 +182,7 @@ RunOutcome run_with(Steps& steps) {
 }
 
 // Whether a run exited with 0.
-inline bool succeeded(const RunOutcome& r) { return r.returncode == 0 && r.returncode_digits.empty(); }
+inline bool succeeded(const RunOutcome& r) { return r.returncode == 0; }
 
 // The message of a failed run: stderr trimmed, or "git exited with code N".
 std::string git_error_message(const RunOutcome& result);

@@ -17,9 +17,13 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <thread>
 
 #include "src/core/process.hpp"
+#if defined(__linux__)
+#include "src/core/posix/posix.hpp"
+#endif
 #include "utils/git_utils.hpp"
 
 using namespace git_utils;
@@ -73,6 +77,23 @@ struct WatchCase {
 };
 
 class WatchWithoutPidfd : public ::testing::TestWithParam<std::tuple<WatchCase, bool>> {};
+
+#if defined(__linux__)
+// The sweep takes only processes that started after git: the start time must
+// be field 22 of /proc/<pid>/stat (the next field, the memory size, let old
+// processes pass and new ones fail once the machine had been up long enough).
+TEST(ProcessTable, ReadsTheParentAndTheStartTime) {
+    std::ifstream in("/proc/self/stat");
+    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::istringstream fields(text.substr(text.rfind(')') + 2));
+    std::vector<std::string> field(20);  // fields 3 to 22
+    for (auto& f : field) fields >> f;
+    process::ProcStat st;
+    ASSERT_TRUE(process::read_stat(::getpid(), st));
+    EXPECT_EQ(std::pair(st.ppid, st.started), std::pair(::getppid(), std::stoull(field[19])));
+    EXPECT_LE(st.started, process::start_mark());
+}
+#endif
 
 TEST_P(WatchWithoutPidfd, AnswersOnTimeAndLeavesNothing) {
     const auto& [c, sigchld_ignored] = GetParam();
@@ -236,6 +257,8 @@ INSTANTIATE_TEST_SUITE_P(
                                 RunStatus::Exited, ENOEXEC},
                       SetupCase{"only_a_missing_interpreter", {"nointerp"}, StdinMode::Inherit, "dir",
                                 RunStatus::NotFound, 0},
+                      SetupCase{"only_without_permission", {"noperm"}, StdinMode::Inherit, "dir", RunStatus::Exited,
+                                EACCES},
                       SetupCase{"missing_directory", {"probe"}, StdinMode::Inherit, "missing", RunStatus::NotFound, 0},
                       SetupCase{"directory_is_a_file", {"noexec", "probe"}, StdinMode::Inherit, "file",
                                 RunStatus::Exited, ENOTDIR}),

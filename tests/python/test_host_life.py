@@ -1,11 +1,11 @@
 # The host's life around the calls: exiting with calls in flight, a
-# supervisor stopping the host's process group, git looked up on PATH, no
-# terminal device, a sandbox that refuses clone3. Each case runs in a child
-# interpreter (or child process) of its own.
+# supervisor stopping the host's process group, no terminal device, a sandbox
+# that refuses clone3. Each case runs in a child interpreter (or child process)
+# of its own. (Files named git on PATH that cannot run: the core's StartMethods
+# table, for both ways of starting git.)
 
 import json
 import os
-import platform
 import random
 import shutil
 import signal
@@ -16,7 +16,6 @@ import time
 import pytest
 
 from test_runner import fake_git, live_processes, processes_left  # noqa: F401 (fake_git is a fixture)
-from vantrel_sorlith.utils import git_utils as g
 
 EXIT_WHILE_BUSY = """
 import logging, subprocess, sys, threading, time
@@ -97,45 +96,6 @@ def test_supervisor_stopping_the_hosts_group_stops_git(fake_git):  # noqa: F811
     os.killpg(host.pid, signal.SIGTERM)
     assert git and host.wait(timeout=10) == -signal.SIGTERM
     assert processes_left(marker) == []
-
-
-# Files named git that cannot run, as a stale PATH entry holds them.
-OTHER_MACHINE = 0x3E if platform.machine() == "aarch64" else 0xB7  # x86-64, else AArch64
-UNRUNNABLE = {
-    "script whose interpreter is missing": (b"#!/no/such/interpreter\n", 0o755),
-    "file without #!": (b"echo not a program\n", 0o755),
-    "program for another machine": (b"\x7fELF\x02\x01\x01" + bytes(9) + bytes([2, 0, OTHER_MACHINE, 0]) + bytes(44), 0o755),
-    "file without execute permission": (b"#!/bin/sh\n", 0o644),
-}
-
-
-def answer(run):
-    # The triple, with a missing git as the runner words it, or the error's kind and number.
-    try:
-        return run()
-    except FileNotFoundError:
-        return ("", "git not found", 1)
-    except OSError as e:
-        return (type(e), e.errno)
-
-
-@pytest.mark.parametrize("real_git_after", [True, False], ids=["then real git", "alone"])
-@pytest.mark.parametrize("kind", UNRUNNABLE)
-def test_unrunnable_git_on_path_is_passed_over_as_subprocess_does(repo, tmp_path, monkeypatch, kind, real_git_after):
-    content, mode = UNRUNNABLE[kind]
-    (tmp_path / "git").write_bytes(content)
-    (tmp_path / "git").chmod(mode)
-    monkeypatch.setenv("PATH", f"{tmp_path}:{os.environ['PATH']}" if real_git_after else str(tmp_path))
-    args = ["rev-parse", "HEAD"]
-
-    def by_subprocess():
-        done = subprocess.run(["git", *args], cwd=repo, capture_output=True, text=True)
-        return (done.stdout, done.stderr, done.returncode)
-
-    expected = answer(by_subprocess)
-    assert answer(lambda: g.run_git_command(repo, args)) == expected
-    if real_git_after:
-        assert expected[2] == 0
 
 
 AUTHORS_FROM_STDIN = """

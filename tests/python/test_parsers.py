@@ -30,18 +30,11 @@ def spans(result):
 
 # --- raw and numstat streams ---------------------------------------------------------------------
 
-# Exact records for the rules; the generators below vary paths, letters and counts against the baseline.
+# Exact records for a few rules; test_agrees_with_baseline varies paths, letters, counts and orders against the
+# plain-Python baseline (every line these rows reach, it reaches too).
 @pytest.mark.parametrize("tokens, expected", [
-    ([], []),
-    ([HEAD + "M", "src/a.c", "3\t1\tsrc/a.c"], [("src/a.c", "modified", 3, 1, None)]),
     ([HEAD + "R086", "old/b.c", "new/b.c", "5\t2\t", "old/b.c", "new/b.c"], [("new/b.c", "renamed", 5, 2, "old/b.c")]),
-    ([HEAD + "C075", "s", "d", "1\t0\t", "s", "d"], [("d", "copied", 1, 0, "s")]),
-    ([HEAD + "M", "logo.png", "-\t-\tlogo.png"], [("logo.png", "modified", 0, 0, None)]),
-    ([HEAD + "A", "x", "4\t0\ty"], [("x", "added", 0, 0, None)]),  # no numstat for x; no raw record for y
     (["7\t1\tb", "2\t0\ta", HEAD + "M", "a", HEAD + "D", "b"], [("a", "modified", 2, 0, None), ("b", "deleted", 7, 1, None)]),
-    ([HEAD + "A", "p", HEAD + "M", "q", HEAD + "R1", "o", "p", "1\t1\tp", "9\t8\tp"],
-     [("p", "renamed", 9, 8, "o"), ("q", "modified", 0, 0, None)]),
-    ([HEAD + "T", "t", HEAD + "X", "x", HEAD, "e", HEAD + "é", "n"], [(p, "modified", 0, 0, None) for p in "txen"]),
     ([HEAD + "R1", HEAD + "M", "x"], [("x", "renamed", 0, 0, HEAD + "M")]),  # one cursor for paths
     ([HEAD + "M", "big", f"{BIG}\t99999999999999999999999\tbig"], [("big", "modified", BIG, 10**23 - 1, None)]),
 ], ids=lambda v: None)
@@ -50,10 +43,8 @@ def test_file_changes(tokens, expected):
     assert records(g._file_changes(tuple(tokens))) == expected
 
 
-@pytest.mark.parametrize("field, expected", [
-    ("42", 42), (str(BIG), BIG), ("-", 0), ("+1", 0), ("1 ", 0), ("1.0", 0), ("1\u00b2", 0), ("\u0663\u0660", 30),
-    pytest.param("9" * 5000, 10**5000 - 1, id="beyond int()'s limit on digit strings"),
-])
+@pytest.mark.parametrize("field, expected", [("1 ", 0), ("1.0", 0), ("\u0663\u0660", 30), ("9" * 5000, 10**5000 - 1)],
+                         ids=["space", "point", "Arabic-Indic 30", "beyond int()'s limit on digit strings"])
 def test_line_count(field, expected):
     assert g._line_count(field) == expected and type(g._line_count(field)) is int
 
@@ -65,12 +56,9 @@ EXAMPLE_LOG = [RS + "1700000300", "\n" + HEAD + "M", "x.c", "1\t1\tx.c", RS + "1
 
 
 @pytest.mark.parametrize("tokens, expected", [
-    ([], []),
     (EXAMPLE_LOG, [(1700000300, (("x.c", "modified", 1, 1, None),)), (1700000200, ()),
                    (1700000100, (("y.c", "added", 3, 0, None),))]),
     (["junk", HEAD + "M", "x", RS + "5"], [(5, ())]),
-    ([RS + "\u3000\x1c17\x85\u2028"], [(17, ())]),
-    ([RS + "99999999999999999999999", RS + "-9223372036854775809"], [(10**23 - 1, ()), (-(2**63) - 1, ())]),
     ([RS + "2", "\n" + HEAD + "M", "a", RS + "1", "1\t1\ta"], [(2, (("a", "modified", 0, 0, None),)), (1, ())]),
 ], ids=lambda v: None)
 def test_commit_changes(tokens, expected):
@@ -97,7 +85,6 @@ def test_commit_time_is_read_as_int_reads_it(stamp, value):
 # --- zero-context patches ------------------------------------------------------------------------
 
 @pytest.mark.parametrize("lines, expected", [
-    (["diff --git a b", "--- a", "+++ b", ""], {}),
     (["diff --git src/a.c src/a.c", "--- src/a.c", "+++ src/a.c", "@@ -3 +3 @@", "-old", "+new"],
      {"src/a.c": [(3, 3, False)]}),
     (["+++ f", "@@ -10,0 +11,2 @@", "+a", "+b", "@@ -7,3 +7 @@ int main(void)", "-x", "-y", "-z", "+w",
@@ -105,39 +92,24 @@ def test_commit_time_is_read_as_int_reads_it(stamp, value):
      {"f": [(11, 12, True), (7, 7, False), (4, 4, False), (1, 1, False)]}),
     (["--- /dev/null", "+++ new.txt", "@@ -0,0 +1,3 @@", "+++ fake", "+@@ -1 +1 @@", "+-- y", "\\ No newline at end of file"],
      {"new.txt": [(1, 3, True)]}),
-    (["+++ /dev/null", "@@ -1,4 +0,0 @@", "--- a", "-+++ b", "-@@ -1 +1 @@", "-x", "+++ c", "@@ -2 +2 @@", "-", "+"],
-     {"c": [(2, 2, False)]}),
-    (["@@ -1,0 +1,2 @@", "+++ x", "+y", "+++ real", "@@ -1 +1 @@", "-a", "+b"], {"real": [(1, 1, False)]}),
-    (["+++ f", "@@ -1,3 +1,3 @@", "-a", "+b", "@@ -5 +5 @@", "@@ -9 +9 @@", "-c", "+d"], {"f": [(1, 3, False)]}),
-    (["+++ f", "@@ -1 +1 @@", "-a", "-b", "@@ -7 +7 @@", "+c", "@@ -9 +9 @@", "-x", "+y"],
-     {"f": [(1, 1, False), (9, 9, False)]}),
     (["+++ a", "@@ -1 +1 @@", "-x", "+y", "+++ b", "@@ -2 +2 @@", "-x", "+y", "+++ a", "@@ -5,0 +6 @@", "+z"],
      {"a": [(1, 1, False), (6, 6, True)], "b": [(2, 2, False)]}),
-    ([line for name in ["my file.txt\t", "t\t\t", "sp ", "", '"a\\tb"', '"', '"/dev/null"', "cr\r", '"x', "/dev/null\t\t"]
-      for line in ("+++ " + name, "@@ -1,0 +1,0 @@\r")],  # removes only: no lines follow
-     {k: [(1, 1, False)] for k in ["my file.txt", "t\t", "sp ", "", "a\tb", '"', "/dev/null", "cr\r", '"x', "/dev/null\t"]}),
     (["+++ /dev/null\t", "@@ -1 +0,0 @@", "-x", "+++ x", "@@@ -1 +1 @@@", "@@ -1 +1@@", "@@ -a +1 @@", "@@ -1, +1 @@",
       " @@ -1 +1 @@", "@@ -1 +1,2,3 @@", "@@ -1 + 1 @@"], {}),
-    (["+++ u", "@@ -\u0661,\u0662 +\u0663,\u0664 @@", "-a", "-b", "+c", "+d", "+e", "+f",
-      "@@ -1 +\uff11\uff10,\uff10 @@", "-g", "@@ -007 +007,003 @@", "-h", "+i", "+j", "+k"],
-     {"u": [(3, 6, False), (10, 10, False), (7, 9, False)]}),
     (["+++ big", f"@@ -1,0 +{BIG},2 @@", "+a", "+b", "@@ -1 +9223372036854775807,2 @@", "-a", "+b", "+c",
       "@@ -99999999999999999999 +0,0 @@"],
      {"big": [(BIG, BIG + 1, True), (2**63 - 1, 2**63, False), (1, 1, False)]}),
-    (["+++ f", "@@ -1,99999999999999999999 +1 @@", "+x", "+++ g", "@@ -1 +1 @@"], {"f": [(1, 1, False)]}),
 ], ids=lambda v: None)
 def test_line_spans(lines, expected):
     result = g.parse_line_spans("\n".join(lines))
     assert spans(result) == expected and list(result) == list(expected)
 
 
-# Octal escapes decoded as UTF-8 (a bad sequence as U+FFFD); the generators vary the one-character escapes.
+# Octal escapes decoded as UTF-8 (a bad sequence as U+FFFD); the generators vary the one-character escapes
+# and single bytes.
 @pytest.mark.parametrize("text, expected", [
-    ("plain é", "plain é"), ("\\303\\251t\\303\\251", "été"), ("\\303", "\ufffd"), ("\\342\\202\\254", "€"),
-    ("\\360\\237\\230\\200", "😀"), ("\\342\\202", "\ufffd"), ("\\340\\200\\200", "\ufffd" * 3),
-    ("\\303\\302\\251", "\ufffd©"), ("\\303é", "\ufffdé"), ("\\1234", "S4"), ("\\q", "q"), ("\\\\101", "\\101"),
-    ("abc\\", "abc\\"), ("\\377", "\ufffd"),
-])
+    ("\\303\\251t\\303\\251", "été"), ("\\342\\202\\254", "€"), ("\\360\\237\\230\\200", "😀"),
+    ("\\340\\200\\200", "\ufffd" * 3), ("\\303\\302\\251", "\ufffd©"), ("\\1234", "S4")])
 def test_unquote(text, expected):
     assert g._unquote(text) == expected
 

@@ -221,35 +221,35 @@ def test_diff_line_spans_against_git(world, module_state):
 
 
 def test_commit_resolution_against_git(world):
-    full = git(world.hist, "rev-parse", "HEAD").strip()
-    assert g.get_head_commit(world.hist, short=False) == full == world.c2
-    short = g.get_head_commit(world.hist)
-    assert full.startswith(short) and len(short) < len(full)
-    assert g.get_head_commit(world.empty) is None and g.get_head_commit(world.empty, False) is None
-    assert g.resolve_commit(world.hist, "v1") == world.c1 != git(world.hist, "rev-parse", "v1").strip()
+    full, short = git(world.hist, "rev-parse", "HEAD").strip(), g.get_head_commit(world.hist)
+    assert (g.get_head_commit(world.hist, short=False), full.startswith(short), short != full) == (world.c2, True, True)
+    assert (g.get_head_commit(world.empty), g.get_head_commit(world.empty, False)) == (None, None)
     tree = git(world.hist, "rev-parse", "main^{tree}").strip()
-    for name in [tree, "main^{tree}", "main:a.txt", "nope", "-h"]:
-        assert g.resolve_commit(world.hist, name) is None
-    assert g.count_commits(world.hist, "main", "feature") == 1
-    assert g.count_commits(world.hist, "feature", world.merge) == 2
-    assert g.count_commits(world.hist, world.merge, "main") == 0
+    names = ["v1", tree, "main^{tree}", "main:a.txt", "nope", "-h"]  # v1 an annotated tag: its commit, not itself
+    assert [g.resolve_commit(world.hist, name) for name in names] == [world.c1] + [None] * 5
+    assert world.c1 != git(world.hist, "rev-parse", "v1").strip()
+    pairs = [("main", "feature"), ("feature", world.merge), (world.merge, "main")]
+    assert [g.count_commits(world.hist, base, head) for base, head in pairs] == [1, 2, 0]
     with pytest.raises(g.GitError):
         g.count_commits(world.hist, "nope", "main")
-    at_c2 = datetime.fromtimestamp(STAMP["c2"])
-    assert g.commit_before(world.hist, "main", at_c2) == world.c2
     # The fraction of a second is dropped, not rounded up to c2's second.
-    assert g.commit_before(world.hist, "main", at_c2 - timedelta(microseconds=1)) == world.c1
-    assert g.commit_before(world.hist, "main", datetime(2000, 1, 1)) is None
+    at_c2 = datetime.fromtimestamp(STAMP["c2"])
+    moments = [at_c2, at_c2 - timedelta(microseconds=1), datetime(2000, 1, 1)]
+    assert [g.commit_before(world.hist, "main", moment) for moment in moments] == [world.c2, world.c1, None]
     with pytest.raises(g.GitError) as info:
         g.commit_before(world.hist, "nope", at_c2)
     assert str(info.value) == git_stderr(world.hist, "rev-list", "-1", "nope")
 
 
-@pytest.mark.parametrize("where, expected", [
-    ("clone", "main"), ("trunk_clone", "trunk"), ("master_only", "master"), ("both", "main"), ("hist", "main"),
-    ("empty", "main"), ("outside", "main")])
-def test_default_branch(world, where, expected):
-    assert g.get_default_branch(getattr(world, where)) == expected
+# The default branch, and the branch checked out (as the report shows it).
+@pytest.mark.parametrize("where, default, checked_out", [
+    ("clone", "main", "main"), ("trunk_clone", "trunk", "main"), ("master_only", "master", "master"),
+    ("both", "main", "main"), ("hist", "main", "main"), ("wt", "main", None), ("empty", "main", "main"),
+    ("outside", "main", None)])
+def test_default_and_checked_out_branch(world, where, default, checked_out):
+    root = getattr(world, where)
+    got = (g.get_default_branch(root), g.resolve_display_branch(root), g.checked_out_branch(root))
+    assert got == (default, checked_out, checked_out)
 
 
 @pytest.mark.parametrize("where, name, expected", [
@@ -349,14 +349,6 @@ def test_find_git_root_permission_denied_propagates(tmp_path):
     ("origin/ main", " main"), ("feature/ä b", "feature/ä b")])
 def test_normalize_branch_name(name, expected):
     assert g.normalize_branch_name(name) == expected
-
-
-@pytest.mark.parametrize("where, expected", [
-    ("hist", "main"), ("wt", None), ("empty", "main"), ("trunk_clone", "main"), ("outside", None)])
-def test_checked_out_branch(world, where, expected):
-    assert g.checked_out_branch is not g.resolve_display_branch
-    root = getattr(world, where)
-    assert g.resolve_display_branch(root) == g.checked_out_branch(root) == expected
 
 
 # --- Period starts (the core's own tables cover the forms and the calendar) ---

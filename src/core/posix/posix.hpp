@@ -62,6 +62,14 @@ bool start_git(const Request& request, const Plumbing& plumbing, pid_t& pid);
 // Now, in the unit the process table gives start times in.
 unsigned long long start_mark();
 
+// What the system says of a process: its parent, and when it started (in the
+// unit of start_mark()). False when it cannot be read (the process is gone).
+struct ProcStat {
+    pid_t ppid = 0;
+    unsigned long long started = 0;
+};
+bool read_stat(pid_t pid, ProcStat& st);
+
 // What tells one of our pipes apart from every other: Linux, its inode (both
 // ends have it); macOS, the kernel's handle of its write end. 0 if unknown.
 using PipeId = unsigned long long;

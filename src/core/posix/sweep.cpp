@@ -53,14 +53,7 @@ void send_signal(pid_t pid, int pidfd, int sig) {
 }
 
 // ---- The process table: each system's own ----------------------------------
-// (read_stat, for_each_process and holds_write_end are used here only.)
-
-// What the system says of a process: its parent, and when it started (in the
-// unit of start_mark()).
-struct ProcStat {
-    pid_t ppid = 0;
-    unsigned long long started = 0;
-};
+// (for_each_process and holds_write_end are used here only.)
 
 #if defined(GIT_UTILS_HAVE_PROC_FS)
 
@@ -83,12 +76,13 @@ bool read_stat(pid_t pid, ProcStat& st) {
     if (n <= 0) return false;
     buf[n] = '\0';
     // The command name may hold blanks and parentheses: the fields follow the
-    // last ')'.
+    // last ')'. The state and the parent are fields 3 and 4, the start time
+    // field 22 (proc(5)).
     const char* p = std::strrchr(buf, ')');
     char state;
     int ppid;
     unsigned long long started;
-    if (!p || std::sscanf(p + 1, " %c %d %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %llu",
+    if (!p || std::sscanf(p + 1, " %c %d %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %llu",
                           &state, &ppid, &started) != 3)
         return false;
     st.ppid = ppid;
