@@ -539,9 +539,8 @@ Ref line_spans_of_view(const Call& call, std::string_view text) {
         if (!maker.sealed() && !scan->finish().exact) return HostSpanSteps::read(call, text);
         GcPause pause(maker.sealed());
         // The files of a patch repeat each other's line numbers: one int
-        // per small value, made when first needed (ints are immutable). A
-        // span takes a line of at least 12 bytes.
-        std::vector<Ref> small(std::min(kSharedLines, text.size() / 6 + 2));
+        // per small value, made when first needed (ints are immutable).
+        std::vector<Ref> small(std::min(kSharedLines, 2 * NativeSpans::most_spans(text)));
         auto line_number = [&](std::int64_t n) {
             if (n < 0 || static_cast<std::size_t>(n) >= small.size()) return check(PyLong_FromLongLong(n));
             Ref& shared = small[static_cast<std::size_t>(n)];

@@ -262,7 +262,8 @@ namespace git_utils {
 // never move once made: while one thread adds spans, another may read those
 // already handed over to it (SpanScan publishes the count). The directory of
 // blocks is made whole at the start, from a bound on the count, so adding a
-// block never moves what a reader is looking at.
+// block never moves what a reader is looking at; a small bound makes small
+// blocks.
 class SpanLog {
 public:
     struct Entry {
@@ -270,20 +271,24 @@ public:
         LineSpan span;
     };
     // At most `most` spans will be added.
-    explicit SpanLog(std::size_t most) : blocks_(most / kBlock + 1) {}
+    explicit SpanLog(std::size_t most) {
+        while (shift_ < kMaxShift && (std::size_t{1} << shift_) < most) ++shift_;
+        blocks_.resize((most >> shift_) + 1);
+    }
     void push(std::size_t path, const LineSpan& span) {
-        const std::size_t block = size_ / kBlock;
-        if (block == blocks_.size()) throw std::length_error("more spans than the patch has lines");
-        if (!blocks_[block]) blocks_[block] = std::make_unique<Entry[]>(kBlock);
-        blocks_[block][size_ % kBlock] = Entry{path, span};
+        const std::size_t block = size_ >> shift_;
+        if (block == blocks_.size()) throw std::length_error("more spans than the patch has hunk headers");
+        if (!blocks_[block]) blocks_[block] = std::make_unique_for_overwrite<Entry[]>(std::size_t{1} << shift_);
+        blocks_[block][size_ & ((std::size_t{1} << shift_) - 1)] = Entry{path, span};
         ++size_;
     }
-    const Entry& operator[](std::size_t i) const { return blocks_[i / kBlock][i % kBlock]; }
+    const Entry& operator[](std::size_t i) const { return blocks_[i >> shift_][i & ((std::size_t{1} << shift_) - 1)]; }
     // Read by the thread adding spans, or by any thread once it has ended.
     std::size_t size() const { return size_; }
 
 private:
-    static constexpr std::size_t kBlock = 4096;
+    static constexpr unsigned kMaxShift = 12;  // blocks of at most 4,096 spans
+    unsigned shift_ = 0;
     std::vector<std::unique_ptr<Entry[]>> blocks_;
     std::size_t size_ = 0;
 };
@@ -296,9 +301,10 @@ private:
 // overflowed them (git writes no such patch); the spans then hold saturated
 // values.
 struct NativeSpans {
-    // Every span starts at a line of its own, so a patch has no more spans
-    // than lines.
-    explicit NativeSpans(std::string_view patch) : spans(patch.size() + 1) {}
+    // Every span comes from a hunk header line of its own, at least 11 bytes
+    // ("@@ -0 +0 @@") and a line feed.
+    explicit NativeSpans(std::string_view patch) : spans(most_spans(patch)) {}
+    static std::size_t most_spans(std::string_view patch) { return patch.size() / 12 + 1; }
     std::vector<std::string_view> names;
     std::vector<std::size_t> counts;  // spans of each path
     SpanLog spans;
