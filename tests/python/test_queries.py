@@ -351,19 +351,7 @@ def test_normalize_branch_name(name, expected):
     assert g.normalize_branch_name(name) == expected
 
 
-# --- Period starts (the core's own tables cover the forms and the calendar) ---
-
-def test_relative_start_is_naive_local_time(monkeypatch):
-    monkeypatch.setenv("TZ", "America/St_Johns")  # a half-hour offset
-    time.tzset()
-    try:
-        before, result, after = datetime.now(), g.parse_time_spec("30m"), datetime.now()
-    finally:
-        monkeypatch.undo()
-        time.tzset()
-    assert type(result) is datetime and result.tzinfo is None
-    assert before - timedelta(minutes=30) <= result <= after - timedelta(minutes=30)
-
+# --- Period starts (the core's own tables cover the forms, the calendar and the local clock) ---
 
 # The messages quote what was passed as Python's repr() does.
 @pytest.mark.parametrize("since, message", [
