@@ -15,11 +15,9 @@ import time
 
 import pytest
 
-from test_runner import fake_git, live_processes, processes_left  # noqa: F401 (fake_git is a fixture)
+from test_runner import child_script, fake_git, live_processes, processes_left  # noqa: F401 (fake_git is a fixture)
 
-EXIT_WHILE_BUSY = """
-import logging, subprocess, sys, threading, time
-from vantrel_sorlith.utils import git_utils as g
+EXIT_WHILE_BUSY = child_script("""
 work, root = sys.argv[1], sys.argv[2]
 log = "".join(f"\\x1e{1700000000 + i}\\0\\n:100644 100644 aaaaaaa bbbbbbb M\\0p{i}\\0" f"1\\t2\\tp{i}\\0" for i in range(4000))
 def slow_options():
@@ -56,7 +54,7 @@ else:
     for _ in range(2):
         threading.Thread(target=busy, daemon=True).start()
     time.sleep(0.1)
-"""
+""")
 
 
 @pytest.mark.parametrize("work", ["git run", "large parse", "finaliser", "host options sleep", "host runner",
@@ -78,11 +76,7 @@ def test_exit_with_calls_in_flight(repo, work):
     assert results == [(0, "")] * 20
 
 
-HOST = """
-import sys
-from vantrel_sorlith.utils import git_utils as g
-g.run_git_command(".", ["tag=" + sys.argv[1], "sleep=30"])
-"""
+HOST = child_script("""g.run_git_command(".", ["tag=" + sys.argv[1], "sleep=30"])\n""")
 
 
 def test_supervisor_stopping_the_hosts_group_stops_git(fake_git):  # noqa: F811
@@ -98,9 +92,7 @@ def test_supervisor_stopping_the_hosts_group_stops_git(fake_git):  # noqa: F811
     assert processes_left(marker) == []
 
 
-AUTHORS_FROM_STDIN = """
-import json, os, subprocess, sys, types
-from vantrel_sorlith.utils import git_utils as g
+AUTHORS_FROM_STDIN = child_script("""
 try:
     os.close(os.open("/dev/ptmx", os.O_RDWR))
     sys.exit(78)
@@ -119,7 +111,7 @@ g.subprocess = types.SimpleNamespace(run=subprocess.run, DEVNULL=subprocess.DEVN
 stdin_holding_a_log()
 answers["host subprocess"] = g.get_authors_for_period(sys.argv[1], "3650d")
 print(json.dumps(answers))
-"""
+""")
 
 
 def test_authors_without_a_terminal_device_read_the_hosts_stdin(repo):

@@ -5,12 +5,10 @@
 import ctypes
 import datetime
 import gc
-import json
 import logging
 import os
 import random
 import statistics
-import subprocess
 import sys
 import sysconfig
 import threading
@@ -21,7 +19,7 @@ import pytest
 
 import test_boundary
 from test_boundary import _error as error
-from test_runner import children, put_fake_git
+from test_runner import child_script, children, put_fake_git, run_child_interpreter
 from vantrel_sorlith.utils import git_utils as g
 
 
@@ -191,9 +189,7 @@ yes '{LINE[:-1]}' | head -c "$1" &
 yes 'warning: noise on stderr' | head -c 1048576 >&2 &
 wait
 """
-CHILD = """
-import json, resource, sys
-from vantrel_sorlith.utils import git_utils as g
+CHILD = child_script("""
 size, line = int(sys.argv[1]), sys.argv[2]
 base = int(open("/proc/self/statm").read().split()[1]) * resource.getpagesize()  # resident now
 out, err, rc = g.run_git_command(".", [str(size)])
@@ -202,16 +198,13 @@ tail = line + line[: size % len(line)]
 print(json.dumps({"length": len(out), "lines": out.count("\\n"), "head": out[: len(line)] == line,
                   "tail": out[-len(tail):] == tail, "stderr": len(err), "stderr lines": err.count("\\n"),
                   "returncode": rc, "rss before": base, "peak rss": peak}))
-"""
+""")
 
 
 @pytest.mark.slow
 def test_output_of_a_gigabyte(tmp_path, monkeypatch):
     put_fake_git(tmp_path, monkeypatch, FAKE_GIT)
-    done = subprocess.run([sys.executable, "-c", CHILD, str(GIB), LINE], cwd=tmp_path, capture_output=True,
-                          text=True, timeout=300)
-    assert done.returncode == 0, done.stderr
-    got = json.loads(done.stdout)
+    got = run_child_interpreter(CHILD, str(GIB), LINE, timeout=300)
     assert got == dict(got, length=GIB, lines=GIB // len(LINE), head=True, tail=True, stderr=1 << 20,
                        returncode=0, **{"stderr lines": (1 << 20) // len("warning: noise on stderr\n")})
     # The output is held twice at most: the bytes read, then the str made of them.
