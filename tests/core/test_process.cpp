@@ -1,12 +1,14 @@
 // The process code of the core on the paths the Python tests cannot take: the
 // watch as on a kernel without pidfd, the start by vfork and exec beside
-// posix_spawn's. Everything else about a run (chunk edges, both pipes,
-// deadlines, a signal in the wait, the fixed triples) is checked end to end
+// posix_spawn's, a signal in the wait (which the build without ppoll, as on
+// macOS, takes differently). Everything else about a run (chunk edges,
+// both pipes, deadlines, signals, the fixed triples) is checked end to end
 // through the module in tests/python/test_runner.py; the Windows runner in
 // test_win32.cpp (the host's start options as git sees them there).
 #include <gtest/gtest.h>
 #ifndef _WIN32
 #include <signal.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #endif
@@ -261,6 +263,25 @@ INSTANTIATE_TEST_SUITE_P(
                       SetupCase{"directory_is_a_file", {"noexec", "probe"}, StdinMode::Inherit, "file",
                                 RunStatus::Exited, ENOTDIR}),
     [](const auto& info) { return std::string(info.param.name); });
+
+TEST(Runner, ASignalEndsTheWaitAtOnceAndTheHookStopsTheRun) {
+    static volatile sig_atomic_t fired = 0;
+    struct sigaction alarm {}, saved {};
+    alarm.sa_handler = [](int) { fired = 1; };
+    sigaction(SIGALRM, &alarm, &saved);
+    itimerval in_200ms{};
+    in_200ms.it_value.tv_usec = 200000;
+    setitimer(ITIMER_REAL, &in_200ms, nullptr);
+    RunOptions options;
+    options.on_interrupt = [] { return fired != 0; };
+    const auto start = std::chrono::steady_clock::now();
+    const RunOutcome outcome = run_git_process({"-c", "alias.x=!sleep 5", "x"}, ".", options);
+    const auto took = std::chrono::steady_clock::now() - start;
+    sigaction(SIGALRM, &saved, nullptr);
+    EXPECT_EQ(std::tuple(outcome.status, outcome.interrupted), std::tuple(RunStatus::TimedOut, true));
+    EXPECT_GE(took, std::chrono::milliseconds(200));
+    EXPECT_LT(took, std::chrono::seconds(2));
+}
 
 }  // namespace
 
