@@ -20,11 +20,10 @@ namespace fs = std::filesystem;
 std::string git(const std::string& dir, std::vector<std::string> args, const std::string& who = "Ann",
                 const std::string& date = "2020-01-01T00:00:00Z") {
     RunOptions options;
-    Environment env = current_environment();
-    for (const char* name : {"GIT_AUTHOR_NAME=", "GIT_COMMITTER_NAME="}) env.add(name + who);
-    for (const char* name : {"GIT_AUTHOR_EMAIL=", "GIT_COMMITTER_EMAIL="}) env.add(name + who + "@example.com");
-    for (const char* name : {"GIT_AUTHOR_DATE=", "GIT_COMMITTER_DATE="}) env.add(name + date);
-    options.env = std::move(env);
+    options.env = current_environment();
+    for (const char* role : {"GIT_AUTHOR_", "GIT_COMMITTER_"})
+        for (const std::string& field : {"NAME=" + who, "EMAIL=" + who + "@example.com", "DATE=" + date})
+            options.env->add(role + field);
     RunOutcome r = run_git_process(args, dir, options);
     if (r.status != RunStatus::Exited || r.returncode != 0) throw std::runtime_error("git failed: " + r.err);
     return std::string(strip(r.out));
