@@ -153,20 +153,15 @@ def test_paths_are_batched_by_characters_within_the_budget(module_state):
     assert [args[args.index("--") + 1:] for args in rec.calls[len(expected):]] == [["b"], ["a", "c"]]
 
 
-def test_later_batch_replaces_a_paths_spans_in_place(module_state):
+def test_later_batch_replaces_a_paths_spans_in_place_and_a_failing_one_stops_the_query(module_state):
     module_state._MAX_PATHSPEC_CHARS = 4
-    install(module_state, [("+++ x\n@@ -1 +1 @@\n-a\n+b\n+++ y\n@@ -0,0 +1 @@\n+n\n", "", 0),
-                           ("+++ x\n@@ -3 +5,2 @@\n-a\n+b\n+c\n", "", 0)])
+    rec = install(module_state, [("+++ x\n@@ -1 +1 @@\n-a\n+b\n+++ y\n@@ -0,0 +1 @@\n+n\n", "", 0),
+                                 ("+++ x\n@@ -3 +5,2 @@\n-a\n+b\n+c\n", "", 0), OK, ("", "fatal: batch failed\n", 128), OK])
     spans = g.diff_line_spans(ROOT, "a", "b", merge_base=True, paths=["x", "y", "x"])
     assert list(spans.items()) == [("x", [g.LineSpan(5, 6, False)]), ("y", [g.LineSpan(1, 1, True)])]
-
-
-def test_failure_in_second_batch_raises_and_stops(module_state):
-    module_state._MAX_PATHSPEC_CHARS = 1
-    rec = install(module_state, [OK, ("", "fatal: second batch failed\n", 128), OK])
-    with pytest.raises(g.GitError, match="^fatal: second batch failed$"):
-        g.diff_line_spans(ROOT, "main", "feature", merge_base=True, paths=["a", "b", "c"])
-    assert len(rec.calls) == 2
+    with pytest.raises(g.GitError, match="^fatal: batch failed$"):  # in the second of three batches
+        g.diff_line_spans(ROOT, "main", "feature", merge_base=True, paths=["aaaa", "bbbb", "cccc"])
+    assert len(rec.calls) == 4
 
 
 # --- Queries against real git ---
