@@ -229,12 +229,16 @@ def child_script(body):
             "from pathlib import Path\nfrom vantrel_sorlith.utils import git_utils as g\n" + body)
 
 
-def run_child_interpreter(code, *args, terminal_input=None, timeout=120):
+def run_child_interpreter(code, *args, terminal_input=None, timeout=120, wrapper=(), skips=None):
     # Runs `code` in a fresh interpreter (in a pseudo-terminal of its own,
-    # as the foreground job, when `terminal_input` is given) and returns the
-    # JSON it prints on its last line.
+    # as the foreground job, when `terminal_input` is given; else under
+    # `wrapper`, a command that runs its arguments last) and returns the JSON
+    # it prints on its last line. An exit code in `skips` skips the test.
     if terminal_input is None:
-        done = subprocess.run([sys.executable, "-c", code, *args], capture_output=True, text=True, timeout=timeout)
+        done = subprocess.run([*wrapper, sys.executable, "-c", code, *args], capture_output=True, text=True,
+                              timeout=timeout)
+        if done.returncode in (skips or {}):
+            pytest.skip(skips[done.returncode])
         assert done.returncode == 0, done.stderr
         return json.loads(done.stdout.splitlines()[-1])
     pid, master = pty.fork()
