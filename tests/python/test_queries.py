@@ -222,7 +222,6 @@ def test_commit_resolution_against_git(world):
     tree = git(world.hist, "rev-parse", "main^{tree}").strip()
     names = ["v1", tree, "main^{tree}", "main:a.txt", "nope", "-h"]  # v1 an annotated tag: its commit, not itself
     assert [g.resolve_commit(world.hist, name) for name in names] == [world.c1] + [None] * 5
-    assert world.c1 != git(world.hist, "rev-parse", "v1").strip()
     pairs = [("main", "feature"), ("feature", world.merge), (world.merge, "main")]
     assert [g.count_commits(world.hist, base, head) for base, head in pairs] == [1, 2, 0]
     with pytest.raises(g.GitError):

@@ -159,7 +159,6 @@ def fake_git(tmp_path, monkeypatch):
     put_fake_git(tmp_path, monkeypatch, FAKE_GIT.format(python=sys.executable, pattern=inspect.getsource(pattern)))
 
 
-KiB = 1024
 TIMED_OUT = ("", "Command timed out", 1)
 # Steps of the fake, and whether the run ends at the 0.5 s time limit. 64 KiB
 # is the first chunk of the collector and the size of a stderr pipe; stdout's

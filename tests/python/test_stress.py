@@ -31,9 +31,8 @@ def test_sixteen_threads_while_another_rebinds_names(repo, module_state, monkeyp
     # the authors query, which a host runner runs on the caller's stdin.
     timed = {"_RELATIVE_SPEC", "_SPEC_UNITS", "datetime", "timedelta", "find_git_root", "parse_time_spec"}
     names = [n for n in test_boundary.USES if n not in timed]
-    uses = test_boundary.USES
     originals = {n: getattr(g, n) for n in names}
-    expected = {n: uses[n](repo) for n in names}
+    expected = {n: test_boundary.USES[n](repo) for n in names}
     stop, failures = threading.Event(), []
 
     def rebinder():
@@ -46,7 +45,7 @@ def test_sixteen_threads_while_another_rebinds_names(repo, module_state, monkeyp
         for i in range(3 * len(names) // 2):
             n = names[(k * 7 + i) % len(names)]
             try:
-                got = uses[n](repo)
+                got = test_boundary.USES[n](repo)
             except Exception as e:  # noqa: BLE001
                 got = repr(e)
             if got != expected[n]:
