@@ -20,17 +20,13 @@ RS = "\x1e"
 BIG = 2**64
 
 
-# --- raw and numstat streams ---------------------------------------------------------------------
+# --- numbers where int() and the parsers differ ---------------------------------------------------
 
-def test_line_count_beyond_ints_digit_limit():
-    assert g._line_count("9" * 5000) == 10**5000 - 1
-
-
-# --- commit logs ---------------------------------------------------------------------------------
-
-# A time is read as int() reads it (the baseline's log generator varies signs, white space, digits and bad
-# stamps), but of any length and as an optional sign and digits only: int() refuses 5000 digits, takes "1_0".
-def test_commit_time_of_any_length_but_digits_only():
+# A count or a commit time is read as int() reads it (the baseline's generators vary signs, white space, digits
+# and bad stamps), but of any length and as an optional sign and digits only: int() refuses 5000 digits and
+# takes "1_0".
+def test_numbers_of_any_length_but_digits_only():
+    assert g._line_count("9" * 5000) == 10**5000 - 1  # a numstat count
     log = "\0".join([RS + "1", "\n" + HEAD + "A", "a", RS + "{}", RS + "2", ""])
     assert [c.timestamp for c in g.parse_commit_changes(log.format("9" * 5000))] == [1, 10**5000 - 1, 2]
     with pytest.raises(ValueError, match=re.escape("invalid literal for int() with base 10: '1_0'")):
