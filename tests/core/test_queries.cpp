@@ -6,6 +6,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <random>
 
 #include "src/core/runner.hpp"
@@ -46,10 +47,8 @@ std::string text(const FileChange& f) {
 TEST(NativeQueries, EachAnswersAsGitSays) {
     if (run_git_command(".", {"--version"}).status == RunStatus::NotFound) GTEST_SKIP() << "no git on PATH";
     const fs::path dir = fs::temp_directory_path() / ("git-utils-queries-" + std::to_string(std::random_device()()));
-    struct Removed {
-        fs::path dir;
-        ~Removed() { fs::remove_all(dir); }
-    } removed{dir};
+    const auto remove = [](const fs::path* d) { fs::remove_all(*d); };  // when the test ends, however it ends
+    const std::unique_ptr<const fs::path, decltype(remove)> removed(&dir, remove);
     fs::create_directories(dir / "sub");
     const std::string root = dir.string();
     git(root, {"-c", "init.defaultBranch=main", "init", "-q"});
