@@ -1,5 +1,6 @@
-// The byte finder the parsers cut their text with, and the digit reader's
-// unsigned limit.
+// The byte finder's word-at-a-time form, and the digit reader's unsigned
+// limit. (The finder itself is checked through the parsers, at every length
+// and beyond 64 KiB, by tests/python/test_parsers.py against the baseline.)
 #include "src/core/text.hpp"
 
 #include <gtest/gtest.h>
@@ -10,33 +11,9 @@
 #include <string_view>
 #include <tuple>
 #include <utility>
-#include <vector>
 
 namespace git_utils {
 namespace {
-
-std::vector<std::size_t> found(const std::string& text, char byte) {
-    std::vector<std::size_t> at;
-    ByteFinder finder(text, byte);
-    for (std::size_t p; (p = finder.next()) != text.size();) at.push_back(p);
-    return at;
-}
-
-// Every occurrence, in order, whatever the length (the last block is short
-// and padded) and whichever byte (NUL, and bytes with the high bit set).
-TEST(ByteFinder, FindsEveryOccurrenceAtAnyLength) {
-    std::mt19937 random(7);
-    for (const char byte : {'\n', '\0', '\xff', '\x80'}) {
-        for (std::size_t size : {0, 1, 63, 64, 65, 127, 128, 129, 1000}) {
-            std::string text(size, 'a');
-            for (char& c : text) c = "ab\n\0\xff\x80"[random() % 6];
-            std::vector<std::size_t> expected;
-            for (std::size_t i = 0; i < size; ++i)
-                if (text[i] == byte) expected.push_back(i);
-            EXPECT_EQ(found(text, byte), expected) << "size " << size << " byte " << int(byte);
-        }
-    }
-}
 
 // The word-at-a-time mask (the form on machines without SSE2) gives the
 // same bits as a byte-by-byte comparison, also for bytes next to the sought

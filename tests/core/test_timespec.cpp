@@ -140,8 +140,7 @@ TEST_P(TimeSpecIso, ReadsLocalWallClockTimeInEachZone) {
 }
 
 // Spans count back on the wall clock, the same in every zone (24 h across New
-// York's DST change stay 24 wall-clock hours). (The Python tests count "30m"
-// back from the clock in a half-hour zone.)
+// York's DST change stay 24 wall-clock hours).
 INSTANTIATE_TEST_SUITE_P(
     TimeSpecRelative, TimeSpecIso,
     testing::Values(same("007d", at(2024, 2, 23, 0, 10, 0, 123456)),
@@ -186,8 +185,9 @@ INSTANTIATE_TEST_SUITE_P(
         IsoCase{"0001-01-01T05:00:00Z", {at(1, 1, 1, 5), at(1, 1, 1, 0, 3, 58), at(1, 1, 1, 5, 53, 28)}},
         IsoCase{"9999-12-31T23:00:00-00:30", {at(9999, 12, 31, 23, 30), at(9999, 12, 31, 18, 30), std::nullopt}}));
 
+// In a zone half an hour off the hour (on Windows, the system's).
 TEST(TimeSpecClock, ReadsTheLocalClock) {
-    ScopedZone zone("America/New_York");
+    ScopedZone zone("America/St_Johns");
 #ifdef _WIN32
     const auto timegm = _mkgmtime;
 #endif

@@ -258,12 +258,6 @@ INSTANTIATE_TEST_SUITE_P(
                       StartCase{{1, 7, 0x8}, StdinMode::Terminal, "flags=257 show=7 console=0 stdin=3 read=eof"},
                       StartCase{{0, 0, 0x01000000 | 0x3 | 0x8}, StdinMode::Null, "flags=256 show=0 console=0 stdin=2 read=eof"}));
 
-TEST(Win32Runner, MissingDirectoryThrowsWithItsName) {
-    // ERROR_DIRECTORY or ERROR_PATH_NOT_FOUND, with the directory's name.
-    const std::string error = came_to({"echo"}, {}, "C:\\no\\such\\dir");
-    EXPECT_TRUE(error == "error 267 C:\\no\\such\\dir" || error == "error 3 C:\\no\\such\\dir") << error;
-}
-
 TEST(Win32Environment, CopiedAsUtf8) {
     ::SetEnvironmentVariableW(L"GIT_UTILS_TEST", L"caf\u00e9 \u20ac \U0001F600");
     const Environment env = current_environment();

@@ -89,6 +89,10 @@ def test_bad_value(repo, name, param, value):
     try:
         result = f(**kwargs)
     except EXPECTED_ERRORS as e:
+        # The wrong type is refused with the function and the parameter named, in Python's own
+        # words where a builtin's refusal is the one a caller knows (os.fspath's, iteration's).
+        if isinstance(e, TypeError) and not re.search(r"os\.PathLike object|object is not iterable", str(e)):
+            assert f"{name}() argument '{param}'" in str(e), e
         # A NUL cannot reach git or the system: refused before anything runs
         # (a str where a list belongs is refused for its type first).
         text = value[0] if isinstance(value, list) and value else None if param in ("args", "paths") else value
@@ -307,23 +311,9 @@ def test_host_faults_reach_the_caller_as_errors_of_their_own(repo, module_state,
         gc.enable()
 
 
-# A str where a list is expected, and values of the wrong type, are refused
-# with the function and the parameter named.
-MISUSE = [
-    (lambda r: g.diff_line_spans(r, "a", "b", merge_base=True, paths="src/app.py"), "diff_line_spans() argument 'paths'"),
-    (lambda r: g.run_git_command(r, "status"), "run_git_command() argument 'args'"),
-    (lambda r: g._git_output(r, b"status"), "_git_output() argument 'args'"),
-    (lambda r: g.log_commit_changes(r, since="7d", ref=None, max_commits=5), "log_commit_changes() argument 'since'"),
-    (lambda r: g.log_commit_changes(r, since=datetime(2020, 1, 1), ref=None, max_commits="5"),
-     "log_commit_changes() argument 'max_commits'"),
-    (lambda r: g.commit_before(r, "main", "2020-01-01"), "commit_before() argument 'moment'"),
-    (lambda r: g.run_git_command(r, ["status"], timeout="30"), "run_git_command() argument 'timeout'"),
-    (lambda r: g.get_authors_for_period(r, 7), "get_authors_for_period() argument 'since'"),
-    (lambda r: g._file_changes("a\0b"), "_file_changes() argument 'tokens'"),
-]
-
-
-@pytest.mark.parametrize("call, named", MISUSE, ids=[m[1] for m in MISUSE])
+# The host's helpers, given a text where a list belongs, name themselves and the parameter too.
+@pytest.mark.parametrize("call, named", [(lambda r: g._git_output(r, b"status"), "_git_output() argument 'args'"),
+                                         (lambda r: g._file_changes("a\0b"), "_file_changes() argument 'tokens'")])
 def test_misuse_names_function_and_parameter(repo, call, named):
     with pytest.raises(TypeError, match=re.escape(named)):
         call(repo)

@@ -4,7 +4,6 @@
 # of its own. (Files named git on PATH that cannot run: the core's StartMethods
 # table, for both ways of starting git.)
 
-import json
 import os
 import random
 import shutil
@@ -15,11 +14,9 @@ import time
 
 import pytest
 
-from test_runner import fake_git, live_processes, processes_left  # noqa: F401 (fake_git is a fixture)
+from test_runner import child_script, fake_git, live_processes, processes_left, run_child_interpreter  # noqa: F401
 
-EXIT_WHILE_BUSY = """
-import logging, subprocess, sys, threading, time
-from vantrel_sorlith.utils import git_utils as g
+EXIT_WHILE_BUSY = child_script("""
 work, root = sys.argv[1], sys.argv[2]
 log = "".join(f"\\x1e{1700000000 + i}\\0\\n:100644 100644 aaaaaaa bbbbbbb M\\0p{i}\\0" f"1\\t2\\tp{i}\\0" for i in range(4000))
 def slow_options():
@@ -56,7 +53,7 @@ else:
     for _ in range(2):
         threading.Thread(target=busy, daemon=True).start()
     time.sleep(0.1)
-"""
+""")
 
 
 @pytest.mark.parametrize("work", ["git run", "large parse", "finaliser", "host options sleep", "host runner",
@@ -78,11 +75,7 @@ def test_exit_with_calls_in_flight(repo, work):
     assert results == [(0, "")] * 20
 
 
-HOST = """
-import sys
-from vantrel_sorlith.utils import git_utils as g
-g.run_git_command(".", ["tag=" + sys.argv[1], "sleep=30"])
-"""
+HOST = child_script("""g.run_git_command(".", ["tag=" + sys.argv[1], "sleep=30"])\n""")
 
 
 def test_supervisor_stopping_the_hosts_group_stops_git(fake_git):  # noqa: F811
@@ -98,9 +91,7 @@ def test_supervisor_stopping_the_hosts_group_stops_git(fake_git):  # noqa: F811
     assert processes_left(marker) == []
 
 
-AUTHORS_FROM_STDIN = """
-import json, os, subprocess, sys, types
-from vantrel_sorlith.utils import git_utils as g
+AUTHORS_FROM_STDIN = child_script("""
 try:
     os.close(os.open("/dev/ptmx", os.O_RDWR))
     sys.exit(78)
@@ -119,7 +110,7 @@ g.subprocess = types.SimpleNamespace(run=subprocess.run, DEVNULL=subprocess.DEVN
 stdin_holding_a_log()
 answers["host subprocess"] = g.get_authors_for_period(sys.argv[1], "3650d")
 print(json.dumps(answers))
-"""
+""")
 
 
 def test_authors_without_a_terminal_device_read_the_hosts_stdin(repo):
@@ -129,14 +120,11 @@ def test_authors_without_a_terminal_device_read_the_hosts_stdin(repo):
     # host's subprocess; nothing is raised. (Before: OSError ENODEV.)
     if not shutil.which("unshare") or subprocess.run(["unshare", "-m", "true"], capture_output=True).returncode:
         pytest.skip("no mount namespace can be made here")
-    script = 'mount --make-rprivate / && mount -t tmpfs none /dev/pts || exit 77; exec "$0" -c "$1" "$2"'
-    done = subprocess.run(["unshare", "-m", "sh", "-c", script, sys.executable, AUTHORS_FROM_STDIN, str(repo)],
-                          capture_output=True, text=True, timeout=60)
-    if done.returncode in (77, 78):
-        pytest.skip("no empty /dev/pts could be mounted" if done.returncode == 77 else "/dev/ptmx still works")
-    assert done.returncode == 0, done.stderr
+    script = 'mount --make-rprivate / && mount -t tmpfs none /dev/pts || exit 77; exec "$0" "$@"'
+    got = run_child_interpreter(AUTHORS_FROM_STDIN, str(repo), wrapper=["unshare", "-m", "sh", "-c", script],
+                                skips={77: "no empty /dev/pts could be mounted", 78: "/dev/ptmx still works"})
     eve = [{"name": "Eve", "email": "eve@example.com", "commits": 1}]
-    assert json.loads(done.stdout) == {"native": eve, "host subprocess": eve}
+    assert got == {"native": eve, "host subprocess": eve}
 
 
 CLONE3_REFUSED = """
@@ -166,10 +154,6 @@ def test_sandbox_refusing_clone3_starts_git_as_subprocess_does(repo):
     # A seccomp filter that refuses clone3 with EPERM (posix_spawn's clone on
     # glibc 2.34 and later): git starts by vfork and exec, and answers as
     # under subprocess.run, each time. (Before: PermissionError.)
-    done = subprocess.run([sys.executable, "-c", CLONE3_REFUSED, str(repo)], capture_output=True, text=True, timeout=60)
-    if done.returncode == 77:
-        pytest.skip("no seccomp filter can be installed here")
-    assert done.returncode == 0, done.stderr
-    got = json.loads(done.stdout)
+    got = run_child_interpreter(CLONE3_REFUSED, str(repo), skips={77: "no seccomp filter can be installed here"})
     assert got["refused"] and got["subprocess"][2] == 0
     assert got["runs"] == [got["subprocess"]] * 2

@@ -66,8 +66,7 @@ PURE_PYTHON = "import sys\nsys.modules.update(_datetime=None, _decimal=None)\n" 
 
 
 def in_interpreters(count, setup, code, timeout):
-    setup = PURE_PYTHON + setup
-    done = subprocess.run([sys.executable, "-c", DRIVER, str(count), setup, code], cwd=HERE.parent.parent,
+    done = subprocess.run([sys.executable, "-c", DRIVER, str(count), PURE_PYTHON + setup, code], cwd=HERE.parent.parent,
                           capture_output=True, text=True, timeout=timeout)
     assert done.returncode == 0, done.stdout + done.stderr
     return done
