@@ -161,8 +161,10 @@ def _authors(repo):
 
 
 def _since(value):
+    # The start as an offset from now, to the second: the answer of two calls
+    # read at two moments, which a minute's boundary may fall between.
     moment = g.parse_time_spec(value)
-    return moment.replace(second=0, microsecond=0)  # two readings of the clock
+    return round((datetime.now() - moment).total_seconds())
 
 
 def _error(call):
